@@ -1,0 +1,77 @@
+#include "options.h"
+
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+bool parse_number(const char* text, double* value) {
+  if (text == nullptr || *text == '\0') return false;
+  char* end = nullptr;
+  *value = std::strtod(text, &end);
+  return end != nullptr && *end == '\0';
+}
+
+}  // namespace
+
+const char* usage_text() {
+  return "usage: gpumon [options]\n"
+         "Loads the GPU monitor plug-in and shows the GPUs it finds.\n"
+         "\n"
+         "  --json               print one JSON document instead of the table\n"
+         "  --watch SECONDS      refresh every SECONDS until interrupted (Ctrl-C)\n"
+         "  --count N            with --watch: stop after N refreshes\n"
+         "  --machine DIR        run inside the fake machine described by DIR\n"
+         "  --plugin PATH        plug-in library to load (default: next to gpumon)\n"
+         "  --help               show this help\n";
+}
+
+bool parse_options(int argc, char** argv, Options* options, std::string* error) {
+  for (int i = 1; i < argc; ++i) {
+    const char* arg = argv[i];
+    auto value = [&](const char* name) -> const char* {
+      if (i + 1 >= argc) {
+        *error = std::string(name) + " needs a value";
+        return nullptr;
+      }
+      return argv[++i];
+    };
+    if (std::strcmp(arg, "--json") == 0) {
+      options->json = true;
+    } else if (std::strcmp(arg, "--help") == 0 || std::strcmp(arg, "-h") == 0) {
+      options->help = true;
+    } else if (std::strcmp(arg, "--watch") == 0) {
+      const char* v = value(arg);
+      if (v == nullptr) return false;
+      if (!parse_number(v, &options->watch_seconds) || options->watch_seconds <= 0.0) {
+        *error = std::string("--watch needs a positive number of seconds, not '") + v + "'";
+        return false;
+      }
+    } else if (std::strcmp(arg, "--count") == 0) {
+      const char* v = value(arg);
+      if (v == nullptr) return false;
+      double n = 0;
+      if (!parse_number(v, &n) || n < 1 || n != static_cast<long>(n)) {
+        *error = std::string("--count needs a positive whole number, not '") + v + "'";
+        return false;
+      }
+      options->count = static_cast<long>(n);
+    } else if (std::strcmp(arg, "--machine") == 0) {
+      const char* v = value(arg);
+      if (v == nullptr) return false;
+      options->machine = v;
+    } else if (std::strcmp(arg, "--plugin") == 0) {
+      const char* v = value(arg);
+      if (v == nullptr) return false;
+      options->plugin = v;
+    } else {
+      *error = std::string("unknown option '") + arg + "'";
+      return false;
+    }
+  }
+  if (options->count != 0 && options->watch_seconds == 0.0) {
+    *error = "--count only goes with --watch";
+    return false;
+  }
+  return true;
+}

@@ -1,0 +1,50 @@
+#include "plugin_loader.h"
+
+#include <dlfcn.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <climits>
+
+PluginLibrary::~PluginLibrary() {
+  if (handle_ != nullptr) dlclose(handle_);
+}
+
+bool PluginLibrary::open(const std::string& path, std::string* error) {
+  struct stat st;
+  if (stat(path.c_str(), &st) != 0) {
+    *error = "no plug-in at " + path;
+    return false;
+  }
+  handle_ = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+  if (handle_ == nullptr) {
+    const char* why = dlerror();
+    *error = "cannot load plug-in " + path + ": " + (why ? why : "unknown error");
+    return false;
+  }
+  create_ = reinterpret_cast<void* (*)()>(dlsym(handle_, "zev_plugin_create"));
+  destroy_ = reinterpret_cast<int (*)(void*)>(dlsym(handle_, "zev_plugin_destroy"));
+  if (create_ == nullptr || destroy_ == nullptr) {
+    *error = path + " is not a zev plug-in: it lacks " +
+             (create_ == nullptr ? "zev_plugin_create" : "zev_plugin_destroy");
+    dlclose(handle_);
+    handle_ = nullptr;
+    return false;
+  }
+  return true;
+}
+
+zev::GpuMonitor* PluginLibrary::create() {
+  return static_cast<zev::GpuMonitor*>(create_ ? create_() : nullptr);
+}
+
+int PluginLibrary::destroy(zev::GpuMonitor* monitor) { return destroy_ ? destroy_(monitor) : 0; }
+
+std::string default_plugin_path() {
+  char self[PATH_MAX];
+  ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
+  if (n <= 0) return "plugin_zev_gpumon_x64.so";
+  std::string dir(self, static_cast<size_t>(n));
+  dir.erase(dir.find_last_of('/') + 1);
+  return dir + "plugin_zev_gpumon_x64.so";
+}

@@ -1,0 +1,234 @@
+// GpuMonitorVorn: the Linux monitor. One instance per loaded plug-in.
+// Operations are grouped by the subsystem that defines them; each group
+// lives in its own source file (see the comments).
+#pragma once
+
+#include <pthread.h>
+
+#include <cstdint>
+#include <string>
+
+#include "zev/gpu.h"
+#include "zev/gpu_monitor.h"
+
+// Identity record of a display device; nothing on Linux fills it.
+class cDisplayDeviceId {
+ public:
+  char device_name[128];
+  char device_string[128];
+  char device_id[128];
+  char device_key[128];
+
+  cDisplayDeviceId();
+};
+
+class GpuMonitorVorn : public zev::GpuMonitor {
+ public:
+  static constexpr unsigned long kMaxGpus = 16;
+
+  GpuMonitorVorn();
+  ~GpuMonitorVorn() override;
+
+  // Lifecycle (plugin/monitor.cpp).
+  bool initialize() override;
+  bool terminate() override;
+  bool start() override;
+  bool stop() override;
+  bool init_gpus_linux();
+
+  // Refresh and update thread (plugin/update.cpp).
+  bool update_dynamic_data() override;
+  bool update_dynamic_data_rt(unsigned long) override;
+  bool start_update_thread(unsigned long period_ms) override;
+  bool stop_update_thread() override;
+
+  // Overlay (overlay/).
+  bool graph2d_init(zev::Renderer* renderer) override;
+  bool graph2d_cleanup(zev::Renderer* renderer) override;
+  void set_viewport(int x, int y, int w, int h) override;
+  zev::Viewport get_viewport() override;
+  bool draw_gpu_info_simplified(zev::Renderer* renderer, zev::RenderWindow* window,
+                                zev::Font* font, int x, int y, int line_step) override;
+  bool draw_gpu_data_v1(zev::Renderer* renderer, int x, int y, int w, int h,
+                        bool show_usage_bars) override;
+  bool draw_gpu_data_v2(zev::Renderer* renderer, int x, int y, int w, int h,
+                        zev::RenderWindow* window, zev::Font* font) override;
+  bool draw_gpu_data_v3(zev::Renderer* renderer, int x, int y, int w, int h, zev::Font* font,
+                        zev::GpuProgram* program, zev::Camera* camera, float scale, int text_x,
+                        int text_y, int line_step) override;
+  bool draw_gpu_data_v4(zev::Renderer* renderer, int x, int y, int w, int h,
+                        zev::FreeTypeGLPluginInterface* ft, zev::Font* font,
+                        zev::GpuProgram* program, zev::Camera* camera, float scale, int text_x,
+                        int text_y, int line_step) override;
+  bool draw_gpu_data_v5(zev::Renderer* renderer, int x, int y, int w, int h, zev::Font* font,
+                        zev::GpuProgram* program, zev::Camera* camera, float scale, int text_x,
+                        int text_y, int line_step, bool show_usage) override;
+  void draw_set_bkg_quad_color(float r, float g, float b, float a) override;
+  void draw_set_bkg_quad_vertex_color(unsigned long vertex, float r, float g, float b,
+                                      float a) override;
+  int set_gpu_data_color(unsigned long index, float r, float g, float b, float a) override;
+  int set_cpu_data_color(unsigned long index, float r, float g, float b, float a) override;
+
+  // GPU lists (plugin/gpu_list.cpp).
+  unsigned long get_num_gpus() override;
+  zev::GPU* get_gpu(unsigned long index) override;
+  zev::GPU* get_gpu_v2(unsigned long vendor, unsigned long device, int index) override;
+  bool reset_gpus_sensors() override;
+  unsigned long nvml_get_num_gpus() override;
+  zev::GPU* nvml_get_gpu(unsigned long index) override;
+  zev::GPU* create_gpu();
+  bool add_gpu(zev::GPU* gpu);
+  zev::GPU* create_nvml_gpu();
+  bool add_nvml_gpu(zev::GPU* gpu);
+  bool cleanup_gpus_list();
+  zev::GPU* get_gpu_by_devid_and_busid(unsigned long vendor, unsigned long device, int bus);
+  unsigned long get_num_gpus_by_vendor(unsigned long vendor);
+  void sort_gpus_by_bus_id();
+  unsigned long get_num_monitorable_gpus();
+
+  // GPU database (gpudb/).
+  const char* get_gpu_name_from_device_id(unsigned long vendor, unsigned long device,
+                                          unsigned long revision) override;
+  bool update_all_gpus_marketing_name();
+  bool update_gpu_marketing_name(zev::GPU* gpu);
+
+  // Operations this platform does not offer (plugin/unsupported.cpp).
+  bool gpu_power_set_power_target(unsigned long index, float target) override;
+  bool geforce_logo_is_illumination_supported(unsigned long index) override;
+  bool geforce_logo_set_illumination(unsigned long index, float level) override;
+  bool geforce_logo_get_illumination(unsigned long index, float* level) override;
+  bool driver_settings_get_vsync_status(int* status) override;
+  bool driver_settings_set_vsync_status(int status) override;
+  bool rt_init(unsigned long) override;
+  bool rt_cleanup() override;
+  bool rt_connect(unsigned long) override;
+  bool rt_disconnect() override;
+  bool rt_read_gpu_data(unsigned long) override;
+  bool rt_init_gpus_list() override;
+  bool rt_get_num_gpus(unsigned long* count) override;
+  bool rt_get_gpu_name(unsigned long index, char* name) override;
+  bool rt_get_gpu_core_temperature(unsigned long index, float* value) override;
+  bool rt_get_gpu_mem_temperature(unsigned long index, float* value) override;
+  bool rt_get_gpu_vrm_temperature(unsigned long index, float* value) override;
+  bool rt_get_gpu_core_usage(unsigned long index, float* value) override;
+  bool rt_get_gpu_mem_usage(unsigned long index, float* value) override;
+  bool rt_get_gpu_core_clock(unsigned long index, float* value) override;
+  bool rt_get_gpu_mem_clock(unsigned long index, float* value) override;
+  bool rt_get_gpu_power(unsigned long index, float* value) override;
+  bool rt_get_gpu_abs_power(unsigned long index, float* value) override;
+  bool rt_get_gpu_rel_power(unsigned long index, float* value) override;
+  bool rt_get_policy_limit_power(unsigned long index, int* value) override;
+  bool rt_get_policy_limit_temperature(unsigned long index, int* value) override;
+  bool rt_get_policy_limit_voltage(unsigned long index, int* value) override;
+  bool rt_get_policy_limit_overvoltage(unsigned long index, int* value) override;
+  bool rt_get_all_policy_limits(unsigned long index, int* power, int* temperature, int* voltage,
+                                int* overvoltage) override;
+  bool rt_get_cpu_temperature_and_usage(unsigned long, float* temperature, float* usage) override;
+
+  // System information (sysinfo/).
+  const char* get_cpu_name() override;
+  unsigned long get_cpu_speed_mhz() override;
+  unsigned long get_cpu_mem_kb() override;
+  unsigned long get_physical_cpu_mem_mb() override;
+  unsigned long get_available_cpu_mem_kb() override;
+  unsigned int get_cpu_logical_cores() override;
+  unsigned int get_cpu_physical_cores() override;
+  const char* get_os_name() override;
+  bool _init_system_info();
+  bool _init_cpu_name();
+  bool _init_cpu_speed_mhz();
+  bool _init_cpu_mem_size();
+  bool _init_os_name();
+  bool _init_cpu_info();
+  bool linux_read_cpu_name(char* name);
+  bool linux_read_cpu_speed_mhz_current(unsigned long* mhz);
+  bool linux_read_mem_size_mb(unsigned long* mb);
+  bool linux_read_os_name(char* name);
+  bool linux_arm64_rpi_read_cpu_name(char* name);
+
+  // OpenGL information (overlay/opengl_info.cpp).
+  const char* opengl_get_vendor() override;
+  const char* opengl_get_renderer() override;
+  const char* opengl_get_version() override;
+  int opengl_get_version_major() override;
+  int opengl_get_version_minor() override;
+  unsigned long opengl_get_num_extensions() override;
+  const char* opengl_get_extension(unsigned long index) override;
+  bool opengl_init(zev::Renderer* renderer, zev::RenderWindow* window) override;
+  bool opengl_get_capability_4i(const char* name, int* v0, int* v1, int* v2, int* v3) override;
+
+  // NVIDIA back-ends (backends/nvidia/).
+  bool nvml_initialize();
+  bool nvml_terminate();
+  bool nvml_update_dynamic_data() override;
+  bool nvml_update_power_usage(unsigned long index) override;
+  bool nvml_update_process_utilization(unsigned long index) override;
+  bool nvml_get_pcie_throughput(unsigned long index) override;
+  bool linux_nv_smi_init_gpus();
+
+  // DRM back-end (backends/drm/).
+  bool linux_drm_init_gpus();
+
+  // --- fields; the lists come first ---
+  zev::GPU* gpus[kMaxGpus];
+  uint64_t num_gpus;
+  zev::GPU* nvml_gpus[kMaxGpus];
+  uint64_t nvml_gpus_count;
+  bool update_thread_quit;
+  bool update_enabled;
+  uint64_t update_period_ms;
+  char cpu_name[128];
+  uint32_t cpu_logical_cores;
+  uint32_t cpu_physical_cores;
+  uint64_t cpu_speed_mhz;
+  uint64_t cpu_mem_kb;
+  uint64_t cpu_reserved;  // cleared with the CPU fields, not read
+  uint64_t physical_cpu_mem_mb;
+  char os_name[128];
+  cDisplayDeviceId display_devices[25];
+
+  // Overlay state.
+  zev::Viewport viewport;
+  zev::Camera* camera;
+  zev::Graph2d* gpu_graph;
+  zev::Graph2d* cpu_graph;
+  uint64_t grid_subdiv_x;
+  uint64_t grid_subdiv_y;
+  zev::Grid* grid;
+  uint64_t num_curve_points;
+  zev::GpuProgram* line_program;
+  zev::MeshQuad* bkg_quad;
+  zev::MeshQuad* bar_quad;
+  zev::GpuProgram* quad_program;
+  zev::vec4 bkg_quad_color;
+  zev::vec4 bkg_quad_vertex_colors[4];
+  bool gl3_shaders;
+  std::string overlay_text0;
+  std::string overlay_text1;
+  std::string overlay_text2;
+
+  pthread_t update_thread;
+  uint64_t num_monitorable_gpus;
+  uint64_t num_gpus_drm;
+  uint64_t num_nv_smi_detected;
+  uint64_t num_nvml_detected;
+
+  // OpenGL snapshot of the host's context.
+  char gl_vendor[128];
+  char gl_renderer[128];
+  char gl_version[128];
+  int32_t gl_version_major;
+  int32_t gl_version_minor;
+  uint64_t num_gl_extensions;
+  char (*gl_extensions)[64];
+  int32_t gl_caps[59];
+
+  void* nvml_lib_handle;
+};
+
+// Entry point of the update thread (plugin/update.cpp).
+void* GpuMonitoring_Update_Thread(void* monitor);
+
+// Bounded copy into a fixed text field: at most size - 1 characters, always
+// terminated. A null source copies nothing and leaves an empty text.
+void copy_text(char* dst, unsigned long size, const char* src);

@@ -1,0 +1,84 @@
+// Readers that run one shell pipeline over /proc and take the first line of
+// its output.
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "plugin/gpu_monitor_vorn.h"
+
+namespace {
+
+// Runs the command and reads the first line of its output into line (at most
+// size - 1 characters). False when the pipe cannot be opened or no line comes.
+bool read_first_line(const char* command, char* line, int size) {
+  FILE* pipe = popen(command, "r");
+  if (pipe == nullptr) return false;
+  std::memset(line, 0, static_cast<size_t>(size));
+  const bool got = std::fgets(line, size, pipe) != nullptr;
+  pclose(pipe);
+  return got;
+}
+
+// Copies at most 127 characters of a line and cuts its last character, the
+// newline of every line these files give.
+bool read_text(const char* command, char* out) {
+  if (out == nullptr) return false;
+  char line[256];
+  if (!read_first_line(command, line, 255)) return false;
+  std::strncpy(out, line, 127);
+  out[127] = '\0';
+  size_t length = std::strlen(out);
+  if (length > 0) out[length - 1] = '\0';
+  return true;
+}
+
+bool read_number(const char* command, long* out) {
+  char line[128];
+  if (!read_first_line(command, line, 127)) return false;
+  *out = std::atoi(line);
+  return true;
+}
+
+// Keeps the processor busy for a moment so that the clock read next is the
+// one it runs at under load, not its idle clock.
+void warm_up_cpu() {
+  double sum = 0.0;
+  double x = 0.0;
+  for (int i = 0; i < 100000; ++i) {
+    sum += std::cos(x) + std::sin(x);
+    x += 0.025;
+  }
+  volatile double result = std::sqrt(sum);
+  (void)result;
+}
+
+}  // namespace
+
+bool GpuMonitorVorn::linux_read_cpu_name(char* name) {
+  return read_text("cat /proc/cpuinfo | grep \"model name\" | cut -c14-", name);
+}
+
+bool GpuMonitorVorn::linux_arm64_rpi_read_cpu_name(char* name) {
+  return read_text("cat /proc/cpuinfo | grep \"Model\" | cut -c10-", name);
+}
+
+bool GpuMonitorVorn::linux_read_os_name(char* name) { return read_text("uname -snr", name); }
+
+bool GpuMonitorVorn::linux_read_cpu_speed_mhz_current(unsigned long* mhz) {
+  if (mhz == nullptr) return false;
+  warm_up_cpu();
+  long value = 0;
+  if (!read_number("cat /proc/cpuinfo | grep \"cpu MHz\" | cut -c12-", &value)) return false;
+  *mhz = static_cast<unsigned long>(value);
+  return true;
+}
+
+bool GpuMonitorVorn::linux_read_mem_size_mb(unsigned long* mb) {
+  if (mb == nullptr) return false;
+  long kb = 0;
+  if (!read_number("cat /proc/meminfo | grep MemTotal | cut -c17-  | grep -o '[0-9]*'", &kb))
+    return false;
+  *mb = static_cast<unsigned long>(kb) >> 10;
+  return true;
+}

@@ -1,0 +1,61 @@
+// CPU and OS facts, gathered once at the start of initialize().
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+
+#include "plugin/gpu_monitor_vorn.h"
+#include "zev/utils.h"
+
+bool GpuMonitorVorn::_init_system_info() {
+  _init_cpu_name();
+  _init_cpu_mem_size();
+  _init_os_name();
+  _init_cpu_info();
+  return true;
+}
+
+bool GpuMonitorVorn::_init_cpu_name() {
+  char name[128];
+  std::memset(name, 0, sizeof name);
+  linux_read_cpu_name(name);
+  copy_text(cpu_name, sizeof cpu_name, name);
+
+  unsigned long mhz = 0;
+  linux_read_cpu_speed_mhz_current(&mhz);
+  cpu_speed_mhz = mhz;
+
+  // The memory size is only traced; no field keeps it.
+  unsigned long mem_mb = 0;
+  linux_read_mem_size_mb(&mem_mb);
+
+  tracef("Linux x86_64 - CPU name: %s, CPU speed: %dMHz, RAM: %dMB", name, static_cast<int>(mhz),
+         static_cast<int>(mem_mb));
+  return cpu_name[0] != '\0';
+}
+
+bool GpuMonitorVorn::_init_cpu_speed_mhz() {
+  cpu_speed_mhz = 0;
+  return false;
+}
+
+bool GpuMonitorVorn::_init_cpu_mem_size() { return cpu_mem_kb != 0; }
+
+bool GpuMonitorVorn::_init_cpu_info() { return false; }
+
+bool GpuMonitorVorn::_init_os_name() {
+  std::memset(os_name, 0, sizeof os_name);
+  std::snprintf(os_name, sizeof os_name, "%s %s %d-bit", zev::utils::get_platform_name(),
+                zev::utils::get_linux_release(), zev::utils::get_platform_bitness());
+  if (os_name[0] == '\0') return false;
+  tracef("Operating system detected: %s", os_name);
+  return true;
+}
+
+const char* GpuMonitorVorn::get_cpu_name() { return cpu_name; }
+unsigned long GpuMonitorVorn::get_cpu_speed_mhz() { return cpu_speed_mhz; }
+unsigned long GpuMonitorVorn::get_cpu_mem_kb() { return cpu_mem_kb; }
+unsigned long GpuMonitorVorn::get_physical_cpu_mem_mb() { return physical_cpu_mem_mb; }
+unsigned long GpuMonitorVorn::get_available_cpu_mem_kb() { return 0; }
+unsigned int GpuMonitorVorn::get_cpu_logical_cores() { return cpu_logical_cores; }
+unsigned int GpuMonitorVorn::get_cpu_physical_cores() { return cpu_physical_cores; }
+const char* GpuMonitorVorn::get_os_name() { return os_name; }
