@@ -42,6 +42,17 @@ class GpuMonitorVorn : public zev::GpuMonitor {
   bool start_update_thread(unsigned long period_ms) override;
   bool stop_update_thread() override;
 
+  // Sensor dispatch: one sensor of one GPU routed to the back-end readers
+  // (plugin/dispatch.cpp).
+  bool gpu_get_clocks(unsigned long index, float* core_mhz, float* memory_mhz);
+  bool gpu_get_usages(unsigned long index, float* core_percent, float* memory_percent,
+                      float* usage3, float* usage4);
+  bool gpu_get_temperatures(unsigned long index, float* core_c, float* memory_c, float* temp3,
+                            float* temp4);
+  bool gpu_power_get_current_value(unsigned long index, float* unused, float* watts);
+  bool gpu_read_fan_speed(unsigned long index);
+  bool gpu_get_fan_speed(unsigned long index, unsigned long fan, float* percent, float* rpm);
+
   // Overlay (overlay/).
   bool graph2d_init(zev::Renderer* renderer) override;
   bool graph2d_cleanup(zev::Renderer* renderer) override;
@@ -86,11 +97,39 @@ class GpuMonitorVorn : public zev::GpuMonitor {
   void sort_gpus_by_bus_id();
   unsigned long get_num_monitorable_gpus();
 
-  // GPU database (gpudb/).
+  // GPU database (gpudb/). Index functions return 0xFFFFFFFF for "not
+  // found"; callers hold the result in an int and test for a negative value.
   const char* get_gpu_name_from_device_id(unsigned long vendor, unsigned long device,
                                           unsigned long revision) override;
+  unsigned int gpu_db_get_index(unsigned long vendor, unsigned long device);
+  unsigned int gpu_db_get_index_v2(unsigned long vendor, unsigned long device,
+                                   const char* revision);
+  unsigned int gpu_db_get_index_v3(unsigned long vendor, unsigned long device,
+                                   unsigned long value);
+  const char* gpu_db_get_adapter_name(unsigned long vendor, int index);
+  const char* gpu_db_get_gpu_codename(unsigned long vendor, int index);
+  int gpu_db_get_tdp(unsigned long vendor, int index);
+  int gpu_db_get_num_unified_shader_processors(unsigned long vendor, int index);
+  int gpu_db_get_num_texture_units(unsigned long vendor, int index);
+  int gpu_db_get_num_rops(unsigned long vendor, int index);
+  const char* get_gpu_name_from_devices_table(const void* table, unsigned long row_count,
+                                              unsigned long device, unsigned long revision);
   bool update_all_gpus_marketing_name();
   bool update_gpu_marketing_name(zev::GPU* gpu);
+  bool update_gpu_marketing_name_nvidia(zev::GPU* gpu);
+  bool update_gpu_marketing_name_amd(zev::GPU* gpu);
+  bool update_gpu_marketing_name_intel(zev::GPU* gpu);
+  bool update_gpu_marketing_name_moore_threads(zev::GPU* gpu);
+
+  // PCI id text (gpudb/pci_strings.cpp).
+  unsigned int to_hex(char c);
+  unsigned int str_to_hex(char a, char b, char c, char d);
+  unsigned int str_to_hex2(char a, char b);
+  bool getVendorID_From_FullDeviceIDString(const char* s, char* text, unsigned long* value);
+  bool getDeviceID_From_FullDeviceIDString(const char* s, char* text, unsigned long* value);
+  bool getSubVendorID_From_FullDeviceIDString(const char* s, char* text, unsigned long* value);
+  bool getSubDeviceID_From_FullDeviceIDString(const char* s, char* text, unsigned long* value);
+  unsigned int gpu_db_get_index_from_device_id_string(const char* s, zev::GPU* gpu);
 
   // Operations this platform does not offer (plugin/unsupported.cpp).
   bool gpu_power_set_power_target(unsigned long index, float target) override;
@@ -165,9 +204,41 @@ class GpuMonitorVorn : public zev::GpuMonitor {
   bool nvml_update_process_utilization(unsigned long index) override;
   bool nvml_get_pcie_throughput(unsigned long index) override;
   bool linux_nv_smi_init_gpus();
+  bool linux_nv_smi_read_gpu_core_clock(unsigned long index, int* mhz);
+  bool linux_nv_smi_read_vram_clock(unsigned long index, int* mhz);
+  bool linux_nv_smi_read_gpu_usage(unsigned long index, int* percent);
+  bool linux_nv_smi_read_vram_usage(unsigned long index, int* percent);
+  bool linux_nv_smi_read_gpu_temperature(unsigned long index, int* celsius);
+  bool linux_nv_smi_read_vram_temperature(unsigned long index, int* celsius);
+  bool linux_nv_smi_read_gpu_power(unsigned long index, int* watts);
+  bool linux_nv_smi_read_gpu_fan_speed(unsigned long index, int* speed);
 
   // DRM back-end (backends/drm/).
   bool linux_drm_init_gpus();
+  bool linux_drm_gpu_probe(unsigned long card);
+  bool linux_drm_gpu_probe_hwmon(unsigned long card, unsigned long hwmon);
+  bool linux_drm_read_vendor_id(unsigned long card, unsigned long* id);
+  bool linux_drm_read_device_id(unsigned long card, unsigned long* id);
+  bool linux_drm_read_revision_id(unsigned long card, unsigned long* id);
+  bool linux_drm_read_subvendor_id(unsigned long card, unsigned long* id);
+  bool linux_drm_read_subdevice_id(unsigned long card, unsigned long* id);
+  bool linux_drm_read_vbios(unsigned long card, char* text);
+  bool linux_drm_read_gpu_usage(unsigned long card, int* percent);
+  bool linux_drm_read_driver_name(unsigned long card, unsigned long hwmon, char* text);
+  bool linux_drm_read_gpu_core_clock(unsigned long card, unsigned long hwmon, int* mhz);
+  bool linux_drm_read_vram_clock(unsigned long card, unsigned long hwmon, int* mhz);
+  bool linux_drm_read_gpu_temperature(unsigned long card, unsigned long hwmon,
+                                      unsigned long sensor, int* celsius);
+  bool linux_drm_read_gpu_fan_speed(unsigned long card, unsigned long hwmon, unsigned long sensor,
+                                    int* rpm);
+  bool linux_drm_read_gpu_power(unsigned long card, unsigned long hwmon, unsigned long sensor,
+                                int* watts);
+
+  // Raspberry Pi back-end (backends/rpi/).
+  bool linux_arm64_rpi_read_gpu_core_clock(float* mhz);
+  bool linux_arm64_rpi_read_gpu_usage_v2(zev::GPU* gpu, float* percent);
+  bool linux_arm64_rpi_read_gpu_usage_v1(zev::GPU* gpu, float* percent);
+  bool linux_arm64_rpi_read_gpu_core_temp(float* celsius);
 
   // --- fields; the lists come first ---
   zev::GPU* gpus[kMaxGpus];

@@ -26,8 +26,7 @@ bool read_text(const char* command, char* out) {
   if (out == nullptr) return false;
   char line[256];
   if (!read_first_line(command, line, 255)) return false;
-  std::strncpy(out, line, 127);
-  out[127] = '\0';
+  copy_text(out, 128, line);
   size_t length = std::strlen(out);
   if (length > 0) out[length - 1] = '\0';
   return true;

@@ -281,6 +281,14 @@ std::string staged_root() { return g_state.inside ? g_state.staging + "/machine"
 
 namespace {
 
+volatile pid_t g_child = 0;
+
+// Interrupts meant for the machine's program reach it even when they are
+// sent to this process alone; the terminal's Ctrl-C reaches both.
+void forward_signal(int signal) {
+  if (g_child > 0) kill(g_child, signal);
+}
+
 void drain(int fd, std::string* sink, bool* open) {
   char buffer[4096];
   ssize_t n = read(fd, buffer, sizeof buffer);
@@ -346,10 +354,15 @@ RunResult run(const std::string& dir, const std::vector<std::string>& argv, bool
     return result;
   }
 
-  // The child answers Ctrl-C itself; the parent waits for it to finish.
-  struct sigaction ignore {}, old_int {};
-  ignore.sa_handler = SIG_IGN;
-  if (!capture) sigaction(SIGINT, &ignore, &old_int);
+  // The child answers Ctrl-C itself; the parent passes interrupts on and
+  // waits for it to finish.
+  struct sigaction forward {}, old_int {}, old_term {};
+  forward.sa_handler = forward_signal;
+  g_child = pid;
+  if (!capture) {
+    sigaction(SIGINT, &forward, &old_int);
+    sigaction(SIGTERM, &forward, &old_term);
+  }
 
   if (capture) {
     bool out_open = true, err_open = true;
@@ -365,7 +378,11 @@ RunResult run(const std::string& dir, const std::vector<std::string>& argv, bool
   int status = 0;
   while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
   }
-  if (!capture) sigaction(SIGINT, &old_int, nullptr);
+  if (!capture) {
+    sigaction(SIGINT, &old_int, nullptr);
+    sigaction(SIGTERM, &old_term, nullptr);
+  }
+  g_child = 0;
 
   char message[1024];
   ssize_t n = read(status_pipe[0], message, sizeof message);

@@ -1,0 +1,204 @@
+// A host that knows the monitor only as a table of function pointers: it
+// creates the monitor through the C entry point and calls operations by
+// their position, as the framework does. It deliberately does not include
+// the monitor's class declaration.
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "test_support.h"
+#include "zev/trace.h"
+
+namespace {
+
+using testing_support::MachineScope;
+using testing_support::PluginHandle;
+using testing_support::TraceCapture;
+
+// What the host knows of the object: a pointer to its table, then the two
+// lifecycle flags of the framework's plug-in base.
+struct MonitorHead {
+  void** vtable;
+  bool initialized;
+  bool started;
+};
+
+struct ViewportValue {
+  int x, y, w, h;
+};
+
+class SlotHost {
+ public:
+  explicit SlotHost(void* object) : object_(object) {}
+
+  // Slot numbers count from 1, the two destructor entries first.
+  template <typename R, typename... Args>
+  R call(int slot, Args... args) {
+    auto fn = reinterpret_cast<R (*)(void*, Args...)>(head()->vtable[slot - 1]);
+    return fn(object_, args...);
+  }
+
+  MonitorHead* head() const { return static_cast<MonitorHead*>(object_); }
+
+ private:
+  void* object_;
+};
+
+class VtableSlots : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(machine_.ok()) << machine_.error();
+    ASSERT_TRUE(plugin_.ok());
+    object_ = plugin_.create_raw();
+    ASSERT_NE(object_, nullptr);
+    host_ = std::make_unique<SlotHost>(object_);
+  }
+  void TearDown() override {
+    if (object_ != nullptr) {
+      host_->call<bool>(8);  // terminate
+      EXPECT_EQ(plugin_.destroy_raw(object_), 1);
+    }
+  }
+
+  MachineScope machine_{"desktop-no-gpu"};
+  TraceCapture traces_;
+  PluginHandle plugin_;
+  void* object_ = nullptr;
+  std::unique_ptr<SlotHost> host_;
+};
+
+TEST_F(VtableSlots, LifecycleSlotsDriveTheFrameworkFlags) {
+  SlotHost& h = *host_;
+  EXPECT_FALSE(h.head()->initialized);
+  EXPECT_FALSE(h.head()->started);
+
+  EXPECT_TRUE(h.call<bool>(7));  // initialize
+  EXPECT_TRUE(h.head()->initialized);
+  EXPECT_TRUE(h.call<bool>(9));  // start
+  EXPECT_TRUE(h.head()->started);
+  EXPECT_TRUE(h.call<bool>(10));  // stop
+  EXPECT_FALSE(h.head()->started);
+  EXPECT_TRUE(h.call<bool>(8));  // terminate
+  EXPECT_FALSE(h.head()->initialized);
+}
+
+TEST_F(VtableSlots, SystemInformationSlots) {
+  SlotHost& h = *host_;
+  ASSERT_TRUE(h.call<bool>(7));
+  EXPECT_STREQ(h.call<const char*>(39), "AMD Ryzen 7 7700X 8-Core Processor");  // get_cpu_name
+  EXPECT_EQ(h.call<unsigned long>(40), 4491u);                                // get_cpu_speed_mhz
+  EXPECT_EQ(h.call<unsigned long>(41), 0u);                                   // get_cpu_mem_kb
+  EXPECT_EQ(h.call<unsigned long>(42), 0u);  // get_physical_cpu_mem_mb
+  EXPECT_EQ(h.call<unsigned long>(43), 0u);  // get_available_cpu_mem_kb
+  EXPECT_EQ(h.call<unsigned int>(44), 0u);   // get_cpu_logical_cores
+  EXPECT_EQ(h.call<unsigned int>(45), 0u);   // get_cpu_physical_cores
+  EXPECT_STREQ(h.call<const char*>(46), "Linux 6.1.0-26-amd64 64-bit");  // get_os_name
+}
+
+TEST_F(VtableSlots, GpuListSlotsOnAMachineWithoutGpu) {
+  SlotHost& h = *host_;
+  ASSERT_TRUE(h.call<bool>(7));
+  EXPECT_EQ(h.call<unsigned long>(29), 0u);                         // get_num_gpus
+  EXPECT_EQ(h.call<void*>(30, 0ul), nullptr);                       // get_gpu
+  EXPECT_EQ(h.call<const char*>(31, 0x1234ul, 0x1ul, 0ul), nullptr);  // name of an unknown id
+  EXPECT_TRUE(h.call<bool>(32));                                     // reset_gpus_sensors
+  EXPECT_EQ(h.call<unsigned long>(80), 0u);                          // nvml_get_num_gpus
+  EXPECT_EQ(h.call<void*>(81, 0ul), nullptr);                        // nvml_get_gpu
+  EXPECT_EQ(h.call<void*>(86, 0x10DEul, 0x2B85ul, -1), nullptr);     // get_gpu_v2
+}
+
+TEST_F(VtableSlots, RefreshSlotsWithoutGpu) {
+  SlotHost& h = *host_;
+  ASSERT_TRUE(h.call<bool>(7));
+  EXPECT_FALSE(h.call<bool>(11));         // update_dynamic_data: nothing to refresh
+  EXPECT_FALSE(h.call<bool>(12, 0ul));    // update_dynamic_data_rt
+  EXPECT_FALSE(h.call<bool>(13, 100ul));  // start_update_thread: no GPU, no thread
+  EXPECT_TRUE(h.call<bool>(14));          // stop_update_thread
+  for (int slot = 82; slot <= 85; ++slot) {
+    EXPECT_FALSE(slot == 82 ? h.call<bool>(slot) : h.call<bool>(slot, 0ul)) << "slot " << slot;
+  }
+}
+
+TEST_F(VtableSlots, ViewportRoundTripsThroughItsSlots) {
+  SlotHost& h = *host_;
+  h.call<void>(17, 10, 20, 640, 480);  // set_viewport
+  const ViewportValue v = h.call<ViewportValue>(18);
+  EXPECT_EQ(v.x, 10);
+  EXPECT_EQ(v.y, 20);
+  EXPECT_EQ(v.w, 640);
+  EXPECT_EQ(v.h, 480);
+}
+
+TEST_F(VtableSlots, UnsupportedSlotsWriteNothing) {
+  SlotHost& h = *host_;
+  ASSERT_TRUE(h.call<bool>(7));
+  float level = 7.0f;
+  int status = 7;
+  unsigned long count = 7;
+  char name[8] = "keep";
+  int a = 1, b = 2, c = 3, d = 4;
+  float t = 5.0f, u = 6.0f;
+  EXPECT_FALSE(h.call<bool>(33, 0ul, 0.5f));
+  EXPECT_FALSE(h.call<bool>(34, 0ul));
+  EXPECT_FALSE(h.call<bool>(35, 0ul, 0.5f));
+  EXPECT_FALSE(h.call<bool>(36, 0ul, &level));
+  EXPECT_FALSE(h.call<bool>(37, &status));
+  EXPECT_FALSE(h.call<bool>(38, 1));
+  EXPECT_FALSE(h.call<bool>(56, 0ul));          // rt_init
+  EXPECT_FALSE(h.call<bool>(62, &count));       // rt_get_num_gpus
+  EXPECT_FALSE(h.call<bool>(63, 0ul, name));    // rt_get_gpu_name
+  EXPECT_FALSE(h.call<bool>(64, 0ul, &level));  // rt_get_gpu_core_temperature
+  EXPECT_FALSE(h.call<bool>(78, 0ul, &a, &b, &c, &d));  // rt_get_all_policy_limits
+  EXPECT_FALSE(h.call<bool>(79, 0ul, &t, &u));          // rt_get_cpu_temperature_and_usage
+  EXPECT_EQ(level, 7.0f);
+  EXPECT_EQ(status, 7);
+  EXPECT_EQ(count, 7u);
+  EXPECT_STREQ(name, "keep");
+  EXPECT_EQ(a + b + c + d, 10);
+  EXPECT_EQ(t, 5.0f);
+  EXPECT_EQ(u, 6.0f);
+}
+
+TEST_F(VtableSlots, OpenGlSlotsAreEmptyBeforeTheHostFillsThem) {
+  SlotHost& h = *host_;
+  EXPECT_STREQ(h.call<const char*>(47), "");
+  EXPECT_STREQ(h.call<const char*>(48), "");
+  EXPECT_STREQ(h.call<const char*>(49), "");
+  EXPECT_EQ(h.call<int>(50), 0);
+  EXPECT_EQ(h.call<int>(51), 0);
+  EXPECT_EQ(h.call<unsigned long>(52), 0u);
+  EXPECT_EQ(h.call<const char*>(53, 0ul), nullptr);
+  int v[4] = {9, 9, 9, 9};
+  EXPECT_TRUE(h.call<bool>(55, "GL_MAX_TEXTURE_SIZE", &v[0], &v[1], &v[2], &v[3]));
+  EXPECT_EQ(v[0] + v[1] + v[2] + v[3], 0);
+}
+
+TEST_F(VtableSlots, TraceSlotsReachTheHostSink) {
+  using Trace = void (*)(void*, const char*, ...);
+  void** table = host_->head()->vtable;
+  reinterpret_cast<Trace>(table[2])(object_, "info %d", 3);
+  reinterpret_cast<Trace>(table[3])(object_, "warning %s", "w");
+  reinterpret_cast<Trace>(table[4])(object_, "error %c", 'e');
+  reinterpret_cast<Trace>(table[5])(object_, "debug %.1f", 1.5);
+  ASSERT_EQ(traces_.lines().size(), 4u);
+  EXPECT_EQ(traces_.lines()[0].text, "info 3");
+  EXPECT_EQ(traces_.lines()[0].level, zev::TRACE_INFO);
+  EXPECT_EQ(traces_.lines()[1].level, zev::TRACE_WARNING);
+  EXPECT_EQ(traces_.lines()[2].text, "error e");
+  EXPECT_EQ(traces_.lines()[2].level, zev::TRACE_ERROR);
+  EXPECT_EQ(traces_.lines()[3].text, "debug 1.5");
+  EXPECT_EQ(traces_.lines()[3].level, zev::TRACE_DEBUG);
+}
+
+TEST(VtableEntryPoints, DeletingDestructorSlotFreesTheObject) {
+  PluginHandle plugin;
+  ASSERT_TRUE(plugin.ok());
+  void* object = plugin.create_raw();
+  ASSERT_NE(object, nullptr);
+  // Slot 2 is the deleting destructor; under AddressSanitizer a wrong slot
+  // shows up as a leak or a bad free.
+  auto deleting = reinterpret_cast<void (*)(void*)>(static_cast<MonitorHead*>(object)->vtable[1]);
+  deleting(object);
+}
+
+}  // namespace

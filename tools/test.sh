@@ -1,0 +1,20 @@
+#!/usr/bin/env bash
+# Builds everything and runs every test: once plain, once under
+# AddressSanitizer with UndefinedBehaviorSanitizer.
+# The tests lay out fake machines in private mount namespaces: run as root
+# (or where unprivileged user namespaces are allowed).
+set -euo pipefail
+cd "$(dirname "$0")/.."
+./tools/install-deps.sh
+jobs="$(nproc)"
+
+echo "== plain build"
+cmake -S . -B build -G Ninja >/dev/null
+cmake --build build -j"$jobs"
+ctest --test-dir build -j"$jobs" --output-on-failure
+
+echo "== AddressSanitizer + UndefinedBehaviorSanitizer build"
+cmake -S . -B build-asan -G Ninja -DZEV_SANITIZE=address -DZEV_BUILD_BENCHMARKS=OFF >/dev/null
+cmake --build build-asan -j"$jobs"
+ASAN_OPTIONS=detect_leaks=1:abort_on_error=0 UBSAN_OPTIONS=print_stacktrace=1 \
+  ctest --test-dir build-asan -j"$jobs" --output-on-failure
