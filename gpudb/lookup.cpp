@@ -1,30 +1,146 @@
-// Lookups in the GPU database. The database tables are not part of this
-// build yet: no device is known, and the accessors answer as they do for an
-// unknown device.
+// Lookups in the GPU database: a linear scan of one vendor's table, first
+// match wins. Index functions answer 0xFFFFFFFF for "not found"; callers hold
+// the index in an int and test for a negative value.
+#include <cctype>
+#include <cstring>
+
+#include "gpudb/vendor_tables.h"
 #include "plugin/gpu_monitor_vorn.h"
 
 namespace {
+
 const unsigned int kNotFound = 0xFFFFFFFFu;
+
+// Row device ids are signed and widened with their sign; a row whose id is
+// not known (-1) never matches, whatever the device asked for.
+bool same_device(const GpuDbRow& row, unsigned long device) {
+  return row.device_id != -1 && static_cast<long>(row.device_id) == static_cast<long>(device);
 }
 
-const char* GpuMonitorVorn::get_gpu_name_from_device_id(unsigned long, unsigned long,
-                                                        unsigned long) {
+bool same_hex_digit(char a, char b) {
+  return std::toupper(static_cast<unsigned char>(a)) == std::toupper(static_cast<unsigned char>(b));
+}
+
+// A row's variant is the revision's first two characters, whatever the case.
+bool revision_matches(const char* variant, const char* revision) {
+  if (std::strlen(variant) != 2) return false;
+  // variant[0] is no NUL, so revision[1] is only read when revision[0] is not.
+  return same_hex_digit(variant[0], revision[0]) && same_hex_digit(variant[1], revision[1]);
+}
+
+// The row at index, or null when the index lies outside the table.
+const GpuDbRow* row_at(unsigned long vendor, int index) {
+  const VendorTable table = gpu_db_accessor_table(vendor);
+  if (index < 0 || static_cast<unsigned long>(index) >= table.num_rows) return nullptr;
+  return &table.rows[index];
+}
+
+}  // namespace
+
+unsigned int GpuMonitorVorn::gpu_db_get_index(unsigned long vendor, unsigned long device) {
+  const VendorTable table = gpu_db_index_table(vendor);
+  // The terminator is part of the walk: device 0 finds it, and its null
+  // strings tell the caller that nothing is known.
+  for (unsigned long i = 0; i < table.num_rows; ++i) {
+    if (same_device(table.rows[i], device)) return static_cast<unsigned int>(i);
+  }
+  return kNotFound;
+}
+
+unsigned int GpuMonitorVorn::gpu_db_get_index_v2(unsigned long vendor, unsigned long device,
+                                                 const char* revision) {
+  if (vendor != gpudb_vendor::kAmd) return gpu_db_get_index(vendor, device);
+  const VendorTable table = gpu_db_index_table(vendor);
+  for (unsigned long i = 0; i < table.num_rows; ++i) {
+    const GpuDbRow& row = table.rows[i];
+    if (!same_device(row, device)) continue;
+    // With a revision given, rows without one are never taken: AMD chips
+    // whose rows carry no revision are not found this way.
+    if (row.variant == nullptr || revision == nullptr || revision_matches(row.variant, revision))
+      return static_cast<unsigned int>(i);
+  }
+  return kNotFound;
+}
+
+unsigned int GpuMonitorVorn::gpu_db_get_index_v3(unsigned long vendor, unsigned long device,
+                                                 unsigned long value) {
+  if (vendor != gpudb_vendor::kNvidia || device == 0 || value == 0) return kNotFound;
+  const VendorTable table = gpu_db_index_table(vendor);
+  for (unsigned long i = 0; i < table.num_rows; ++i) {
+    const GpuDbRow& row = table.rows[i];
+    if (row.variant == nullptr) break;  // the terminator
+    if (row.variant[0] == '\0') continue;
+    // The variant's first four characters as hex; a shorter variant reads
+    // NULs past its end rather than whatever follows it in memory.
+    char digits[4] = {0, 0, 0, 0};
+    for (int k = 0; k < 4 && row.variant[k] != '\0'; ++k) digits[k] = row.variant[k];
+    if (same_device(row, device) &&
+        str_to_hex(digits[0], digits[1], digits[2], digits[3]) == value)
+      return static_cast<unsigned int>(i);
+  }
+  return kNotFound;
+}
+
+// The accessors read the vendor's table, the SiS table for any vendor
+// without one. Index -1 (not found) answers "Unknown" or 0; any other index
+// outside the table answers null or 0 instead of reading past it.
+
+const char* GpuMonitorVorn::gpu_db_get_adapter_name(unsigned long vendor, int index) {
+  if (index < 0) return "Unknown";
+  const GpuDbRow* row = row_at(vendor, index);
+  return row ? row->adapter_name : nullptr;
+}
+
+const char* GpuMonitorVorn::gpu_db_get_gpu_codename(unsigned long vendor, int index) {
+  if (index == -1) return "Unknown";
+  const GpuDbRow* row = row_at(vendor, index);
+  return row ? row->codename : nullptr;
+}
+
+int GpuMonitorVorn::gpu_db_get_tdp(unsigned long vendor, int index) {
+  const GpuDbRow* row = row_at(vendor, index);
+  return row ? row->tdp : 0;
+}
+
+int GpuMonitorVorn::gpu_db_get_num_unified_shader_processors(unsigned long vendor, int index) {
+  const GpuDbRow* row = row_at(vendor, index);
+  return row ? row->num_unified_shader_processors : 0;
+}
+
+int GpuMonitorVorn::gpu_db_get_num_texture_units(unsigned long vendor, int index) {
+  const GpuDbRow* row = row_at(vendor, index);
+  return row ? row->num_texture_units : 0;
+}
+
+int GpuMonitorVorn::gpu_db_get_num_rops(unsigned long vendor, int index) {
+  const GpuDbRow* row = row_at(vendor, index);
+  return row ? row->num_rops : 0;
+}
+
+const char* GpuMonitorVorn::get_gpu_name_from_devices_table(const void* table,
+                                                            unsigned long row_count,
+                                                            unsigned long device,
+                                                            unsigned long revision) {
+  const GpuDbRow* rows = static_cast<const GpuDbRow*>(table);
+  for (unsigned long i = 0; rows != nullptr && i < row_count; ++i) {
+    const GpuDbRow& row = rows[i];
+    if (!same_device(row, device)) continue;
+    if (revision == 0 || row.variant == nullptr) return row.adapter_name;
+    // A variant shorter than two characters names no revision.
+    if (row.variant[0] == '\0' || row.variant[1] == '\0') continue;
+    const char a = static_cast<char>(std::tolower(static_cast<unsigned char>(row.variant[0])));
+    const char b = static_cast<char>(std::tolower(static_cast<unsigned char>(row.variant[1])));
+    if (str_to_hex2(a, b) == revision) return row.adapter_name;
+  }
   return nullptr;
 }
 
-unsigned int GpuMonitorVorn::gpu_db_get_index(unsigned long, unsigned long) { return kNotFound; }
-
-unsigned int GpuMonitorVorn::gpu_db_get_index_v2(unsigned long, unsigned long, const char*) {
-  return kNotFound;
+const char* GpuMonitorVorn::get_gpu_name_from_device_id(unsigned long vendor,
+                                                        unsigned long device,
+                                                        unsigned long revision) {
+  // S3 Graphics is left out on purpose: its ids name no adapter here.
+  if (vendor == gpudb_vendor::kS3) return nullptr;
+  const VendorTable table = gpu_db_index_table(vendor);
+  if (table.rows == nullptr) return nullptr;
+  return get_gpu_name_from_devices_table(table.rows, table.num_rows, device, revision);
 }
-
-unsigned int GpuMonitorVorn::gpu_db_get_index_v3(unsigned long, unsigned long, unsigned long) {
-  return kNotFound;
-}
-
-const char* GpuMonitorVorn::gpu_db_get_adapter_name(unsigned long, int) { return "Unknown"; }
-const char* GpuMonitorVorn::gpu_db_get_gpu_codename(unsigned long, int) { return "Unknown"; }
-int GpuMonitorVorn::gpu_db_get_tdp(unsigned long, int) { return 0; }
-int GpuMonitorVorn::gpu_db_get_num_unified_shader_processors(unsigned long, int) { return 0; }
-int GpuMonitorVorn::gpu_db_get_num_texture_units(unsigned long, int) { return 0; }
-int GpuMonitorVorn::gpu_db_get_num_rops(unsigned long, int) { return 0; }

@@ -1,10 +1,76 @@
-// Board marketing names. The board tables are not part of this build yet:
-// no board is recognised and every record keeps its chip name.
+// Board marketing names: the full PCI identity of a board (device,
+// sub-vendor, sub-device and, for AMD, revision) looked up in the board
+// tables. The first matching row wins.
+#include <cstring>
+
+#include "gpudb/gpu_db_tables.h"
+#include "gpudb/vendor_tables.h"
 #include "plugin/gpu_monitor_vorn.h"
+
+namespace {
+
+enum class Revision { kIgnored, kCompared };
+
+}  // namespace
+
+// Shared walk of one vendor's board table. The row's vendor field is not
+// compared: the table is the vendor's already.
+static bool apply_board_name(GpuMonitorVorn* monitor, zev::GPU* gpu, const BoardNameRow* rows,
+                             unsigned long num_rows, Revision revision) {
+  gpu->use_marketing_name = false;
+  for (unsigned long i = 0; i < num_rows && rows[i].vendor != 0; ++i) {
+    const BoardNameRow& row = rows[i];
+    if (row.subvendor != gpu->subvendor_id || row.device != gpu->device_id ||
+        row.subdevice != gpu->subdevice_id)
+      continue;
+    if (revision == Revision::kCompared &&
+        (row.revision == nullptr || row.revision[0] == '\0' ||
+         monitor->str_to_hex2(row.revision[0], row.revision[1]) != gpu->revision_id))
+      continue;
+    std::memset(gpu->marketing_name, 0, sizeof gpu->marketing_name);
+    copy_text(gpu->marketing_name, sizeof gpu->marketing_name, row.marketing_name);
+    gpu->use_marketing_name = true;
+    return true;
+  }
+  return false;
+}
 
 bool GpuMonitorVorn::update_all_gpus_marketing_name() {
   for (unsigned long i = 0; i < get_num_gpus(); ++i) update_gpu_marketing_name(get_gpu(i));
   return true;
 }
 
-bool GpuMonitorVorn::update_gpu_marketing_name(zev::GPU*) { return false; }
+bool GpuMonitorVorn::update_gpu_marketing_name(zev::GPU* gpu) {
+  if (gpu == nullptr) return false;
+  return update_gpu_marketing_name_nvidia(gpu) || update_gpu_marketing_name_amd(gpu) ||
+         update_gpu_marketing_name_intel(gpu) || update_gpu_marketing_name_moore_threads(gpu);
+}
+
+bool GpuMonitorVorn::update_gpu_marketing_name_nvidia(zev::GPU* gpu) {
+  if (gpu == nullptr || gpu->vendor_id != gpudb_vendor::kNvidia) return false;
+  return apply_board_name(this, gpu, board_names_nvidia, board_names_nvidia_num_rows,
+                          Revision::kIgnored);
+}
+
+bool GpuMonitorVorn::update_gpu_marketing_name_amd(zev::GPU* gpu) {
+  if (gpu == nullptr || gpu->vendor_id != gpudb_vendor::kAmd) return false;
+  // One board of the HD 6000 era reports a chip id that names another card.
+  if (gpu->device_id == 0x68F9 && gpu->subdevice_id == 0x2126) {
+    std::memset(gpu->name, 0, sizeof gpu->name);
+    copy_text(gpu->name, sizeof gpu->name, "AMD Radeon HD 6350");
+  }
+  return apply_board_name(this, gpu, board_names_amd, board_names_amd_num_rows,
+                          Revision::kCompared);
+}
+
+bool GpuMonitorVorn::update_gpu_marketing_name_intel(zev::GPU* gpu) {
+  if (gpu == nullptr || gpu->vendor_id != gpudb_vendor::kIntel) return false;
+  return apply_board_name(this, gpu, board_names_intel, board_names_intel_num_rows,
+                          Revision::kIgnored);
+}
+
+bool GpuMonitorVorn::update_gpu_marketing_name_moore_threads(zev::GPU* gpu) {
+  if (gpu == nullptr || gpu->vendor_id != gpudb_vendor::kMooreThreads) return false;
+  return apply_board_name(this, gpu, board_names_moore_threads,
+                          board_names_moore_threads_num_rows, Revision::kIgnored);
+}

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "lookup.h"
 #include "machine.h"
 #include "options.h"
 #include "plugin_loader.h"
@@ -103,6 +104,7 @@ int main(int argc, char** argv) {
     std::printf("%s", usage_text());
     return 0;
   }
+  if (!options.lookup.empty()) return run_lookup(options.lookup, options.json);
   if (!options.machine.empty()) return run_in_machine(options, argc, argv);
 
   TraceCollector traces;

@@ -23,6 +23,7 @@ const char* usage_text() {
          "  --count N            with --watch: stop after N refreshes\n"
          "  --machine DIR        run inside the fake machine described by DIR\n"
          "  --plugin PATH        plug-in library to load (default: next to gpumon)\n"
+         "  --lookup VEN:DEV[:REV]  show what the GPU database knows of a PCI id (hex)\n"
          "  --help               show this help\n";
 }
 
@@ -60,6 +61,10 @@ bool parse_options(int argc, char** argv, Options* options, std::string* error) 
       const char* v = value(arg);
       if (v == nullptr) return false;
       options->machine = v;
+    } else if (std::strcmp(arg, "--lookup") == 0) {
+      const char* v = value(arg);
+      if (v == nullptr) return false;
+      options->lookup = v;
     } else if (std::strcmp(arg, "--plugin") == 0) {
       const char* v = value(arg);
       if (v == nullptr) return false;

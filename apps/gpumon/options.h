@@ -10,6 +10,7 @@ struct Options {
   long count = 0;              // with --watch: stop after this many refreshes (0: never)
   std::string machine;         // fake machine folder
   std::string plugin;          // plug-in library path ("" : next to gpumon)
+  std::string lookup;          // VENDOR:DEVICE[:REV] to look up in the GPU database
 };
 
 // Parses argv; on a bad command line returns false with a message in *error.

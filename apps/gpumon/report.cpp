@@ -24,6 +24,22 @@ const char* display_name(const zev::GPU* gpu) {
 // Bus numbers of 1000 and above are placeholders for "not read".
 bool bus_known(const zev::GPU* gpu) { return gpu->bus_id >= 0 && gpu->bus_id <= 999; }
 
+// Unit counts from the database: 0 is "not known", and so is -1 stored in an
+// unsigned field.
+bool count_known(uint32_t v) { return v != 0 && v != 0xFFFFFFFFu; }
+
+std::string count_text(uint32_t v) { return count_known(v) ? std::to_string(v) : "-"; }
+
+std::string units_text(const zev::GPU* gpu) {
+  if (!count_known(gpu->num_shader_cores) && !count_known(gpu->num_texture_units) &&
+      !count_known(gpu->num_rops))
+    return "-";
+  return count_text(gpu->num_shader_cores) + "/" + count_text(gpu->num_texture_units) + "/" +
+         count_text(gpu->num_rops);
+}
+
+json count_or_null(uint32_t v) { return count_known(v) ? json(v) : json(nullptr); }
+
 std::string with_range(float current, float min, float max) {
   std::string text = format_value(current, 0);
   if (known(current) && known(min) && known(max)) {
@@ -113,6 +129,11 @@ json gpu_json(unsigned long slot, const zev::GPU* gpu) {
          triple(gpu->memory_clock.current, gpu->memory_clock.min, gpu->memory_clock.max)}}},
       {"power", {{"watts", value_or_null(gpu->power.watts)},
                  {"current", value_or_null(gpu->power.current)}}},
+      {"units",
+       {{"shaders", count_or_null(gpu->num_shader_cores)},
+        {"texture_units", count_or_null(gpu->num_texture_units)},
+        {"rops", count_or_null(gpu->num_rops)},
+        {"tdp_w", count_or_null(gpu->tdp_w)}}},
       {"fans", fans},
   };
 }
@@ -127,9 +148,9 @@ std::string format_value(float value, int decimals) {
 }
 
 std::string render_table(zev::GpuMonitor* monitor) {
-  std::vector<std::vector<std::string>> rows = {{"GPU", "Name", "PCI", "Bus", "Temp C", "Mem C",
-                                                 "Core %", "Mem %", "Core MHz", "Mem MHz",
-                                                 "Power W", "Fans"}};
+  std::vector<std::vector<std::string>> rows = {
+      {"GPU", "Name", "Chip", "Shaders/TMUs/ROPs", "TDP W", "PCI", "Bus", "Temp C", "Mem C",
+       "Core %", "Mem %", "Core MHz", "Mem MHz", "Power W", "Fans"}};
   const unsigned long n = monitor->get_num_gpus();
   for (unsigned long i = 0; i < n; ++i) {
     const zev::GPU* gpu = monitor->get_gpu(i);
@@ -138,6 +159,9 @@ std::string render_table(zev::GpuMonitor* monitor) {
     rows.push_back({
         std::to_string(i),
         display_name(gpu)[0] ? display_name(gpu) : "-",
+        gpu->codename[0] ? gpu->codename : "-",
+        units_text(gpu),
+        count_text(gpu->tdp_w),
         pci ? hex4(gpu->vendor_id) + ":" + hex4(gpu->device_id) : "-",
         bus_known(gpu) ? std::to_string(gpu->bus_id) : "-",
         with_range(gpu->temperatures[0].current, gpu->temperatures[0].min,

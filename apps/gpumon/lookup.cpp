@@ -1,0 +1,179 @@
+#include "lookup.h"
+
+#include <cctype>
+#include <cstdio>
+#include <cstdlib>
+#include <nlohmann/json.hpp>
+#include <vector>
+
+#include "gpudb/vendor_tables.h"
+#include "plugin/gpu_monitor_vorn.h"
+#include "report.h"
+
+namespace {
+
+using nlohmann::json;
+
+struct PciId {
+  unsigned long vendor = 0, device = 0, revision = 0;
+  bool has_revision = false;
+  char revision_text[3] = {0, 0, 0};
+};
+
+bool parse_hex(const std::string& text, size_t max_digits, unsigned long* value) {
+  if (text.empty() || text.size() > max_digits) return false;
+  for (char c : text) {
+    if (!std::isxdigit(static_cast<unsigned char>(c))) return false;
+  }
+  *value = std::strtoul(text.c_str(), nullptr, 16);
+  return true;
+}
+
+bool parse_id(const std::string& id, PciId* out) {
+  std::vector<std::string> parts;
+  size_t start = 0;
+  for (size_t colon; (colon = id.find(':', start)) != std::string::npos; start = colon + 1)
+    parts.push_back(id.substr(start, colon - start));
+  parts.push_back(id.substr(start));
+  if (parts.size() < 2 || parts.size() > 3) return false;
+  if (!parse_hex(parts[0], 4, &out->vendor) || !parse_hex(parts[1], 4, &out->device)) return false;
+  if (parts.size() == 3) {
+    if (!parse_hex(parts[2], 2, &out->revision)) return false;
+    out->has_revision = true;
+    std::snprintf(out->revision_text, sizeof out->revision_text, "%02lX", out->revision);
+  }
+  return true;
+}
+
+const char* vendor_name(unsigned long vendor) {
+  switch (vendor) {
+    case gpudb_vendor::kNvidia: return "NVIDIA";
+    case gpudb_vendor::kAmd: return "AMD";
+    case gpudb_vendor::kIntel: return "Intel";
+    case gpudb_vendor::kMooreThreads: return "Moore Threads";
+    case gpudb_vendor::kS3: return "S3 Graphics";
+    case gpudb_vendor::kVmware: return "VMware";
+    default: return "unknown vendor";
+  }
+}
+
+struct BoardTable {
+  const BoardNameRow* rows;
+  unsigned long num_rows;
+};
+
+BoardTable boards_of(unsigned long vendor) {
+  switch (vendor) {
+    case gpudb_vendor::kNvidia: return {board_names_nvidia, board_names_nvidia_num_rows};
+    case gpudb_vendor::kAmd: return {board_names_amd, board_names_amd_num_rows};
+    case gpudb_vendor::kIntel: return {board_names_intel, board_names_intel_num_rows};
+    case gpudb_vendor::kMooreThreads:
+      return {board_names_moore_threads, board_names_moore_threads_num_rows};
+    default: return {nullptr, 0};
+  }
+}
+
+std::string text_or_dash(const char* s) { return (s && *s) ? s : "-"; }
+std::string count_or_dash(int v) { return v < 0 ? "-" : std::to_string(v); }
+
+json row_json(const GpuDbRow& row, unsigned long index) {
+  auto number = [](int v) { return v < 0 ? json(nullptr) : json(v); };
+  return {{"index", index},
+          {"device_id", row.device_id},
+          {"codename", row.codename ? row.codename : ""},
+          {"variant", row.variant ? row.variant : ""},
+          {"adapter_name", row.adapter_name ? row.adapter_name : ""},
+          {"api_level", number(row.api_level)},
+          {"shaders", number(row.num_unified_shader_processors)},
+          {"vertex_shaders", number(row.num_vertex_shaders)},
+          {"pixel_shaders", number(row.num_pixel_shaders)},
+          {"texture_units", number(row.num_texture_units)},
+          {"rops", number(row.num_rops)},
+          {"tdp_w", row.tdp > 0 ? json(row.tdp) : json(nullptr)}};
+}
+
+}  // namespace
+
+int run_lookup(const std::string& id, bool as_json) {
+  PciId pci;
+  if (!parse_id(id, &pci)) {
+    std::fprintf(stderr, "gpumon: --lookup needs VENDOR:DEVICE[:REV] in hex, not '%s'\n",
+                 id.c_str());
+    return 2;
+  }
+  GpuMonitorVorn monitor;
+  const int index = static_cast<int>(
+      pci.has_revision ? monitor.gpu_db_get_index_v2(pci.vendor, pci.device, pci.revision_text)
+                       : monitor.gpu_db_get_index(pci.vendor, pci.device));
+  const VendorTable table = gpu_db_index_table(pci.vendor);
+  const GpuDbRow* row =
+      (index >= 0 && table.rows != nullptr && table.rows[index].adapter_name != nullptr)
+          ? &table.rows[index]
+          : nullptr;
+
+  // Every row of the device (AMD revisions, renamed products) and its boards.
+  std::vector<unsigned long> others;
+  for (unsigned long i = 0; i < table.num_rows && pci.device != 0; ++i) {
+    if (static_cast<long>(table.rows[i].device_id) == static_cast<long>(pci.device) &&
+        static_cast<int>(i) != index)
+      others.push_back(i);
+  }
+  std::vector<const BoardNameRow*> boards;
+  const BoardTable board_table = boards_of(pci.vendor);
+  for (unsigned long i = 0; i < board_table.num_rows && board_table.rows[i].vendor != 0; ++i) {
+    const BoardNameRow& b = board_table.rows[i];
+    if (b.device == pci.device) boards.push_back(&b);
+  }
+
+  char pci_text[32];
+  std::snprintf(pci_text, sizeof pci_text, "%04lX:%04lX%s%s", pci.vendor, pci.device,
+                pci.has_revision ? ":" : "", pci.revision_text);
+
+  if (as_json) {
+    json doc = {{"id", pci_text}, {"vendor", vendor_name(pci.vendor)}};
+    doc["row"] = row ? row_json(*row, static_cast<unsigned long>(index)) : json(nullptr);
+    json other_rows = json::array();
+    for (unsigned long i : others) other_rows.push_back(row_json(table.rows[i], i));
+    doc["other_rows"] = other_rows;
+    json board_rows = json::array();
+    for (const BoardNameRow* b : boards) {
+      board_rows.push_back({{"subvendor_id", b->subvendor},
+                            {"subdevice_id", b->subdevice},
+                            {"revision", b->revision ? b->revision : ""},
+                            {"marketing_name", b->marketing_name ? b->marketing_name : ""}});
+    }
+    doc["boards"] = board_rows;
+    std::printf("%s\n", dump_json(doc, true).c_str());
+    return row ? 0 : 1;
+  }
+
+  std::printf("%s (%s)\n", pci_text, vendor_name(pci.vendor));
+  if (row == nullptr) {
+    std::printf("  not in the GPU database\n");
+  } else {
+    std::printf("  row %d of the %s table\n", index, vendor_name(pci.vendor));
+    std::printf("  name:       %s\n", row->adapter_name);
+    std::printf("  codename:   %s\n", text_or_dash(row->codename).c_str());
+    std::printf("  variant:    %s\n", text_or_dash(row->variant).c_str());
+    std::printf("  api level:  %s\n", count_or_dash(row->api_level).c_str());
+    std::printf("  shaders:    %s", count_or_dash(row->num_unified_shader_processors).c_str());
+    if (row->num_unified_shader_processors == 0) {
+      std::printf(" unified; vertex %s, pixel %s", count_or_dash(row->num_vertex_shaders).c_str(),
+                  count_or_dash(row->num_pixel_shaders).c_str());
+    }
+    std::printf("\n  TMUs:       %s\n", count_or_dash(row->num_texture_units).c_str());
+    std::printf("  ROPs:       %s\n", count_or_dash(row->num_rops).c_str());
+    std::printf("  TDP:        %s\n",
+                row->tdp > 0 ? (std::to_string(row->tdp) + " W").c_str() : "-");
+  }
+  for (unsigned long i : others) {
+    const GpuDbRow& r = table.rows[i];
+    std::printf("  also row %lu: %s%s%s\n", i, r.adapter_name,
+                (r.variant && *r.variant) ? ", variant " : "", (r.variant ? r.variant : ""));
+  }
+  for (const BoardNameRow* b : boards) {
+    std::printf("  board %04X:%04X rev %s: %s\n", b->subvendor, b->subdevice,
+                text_or_dash(b->revision).c_str(), b->marketing_name);
+  }
+  return row ? 0 : 1;
+}

@@ -1,0 +1,10 @@
+// gpumon --lookup: what the GPU database compiled into the plug-in knows of a
+// PCI id, without loading the plug-in or touching the machine.
+#pragma once
+
+#include <string>
+
+// Parses "VENDOR:DEVICE[:REV]" (hex) and prints the database's answer, as
+// text or as a JSON document. Returns the process exit code: 0 found,
+// 1 unknown id, 2 malformed argument.
+int run_lookup(const std::string& id, bool json);
