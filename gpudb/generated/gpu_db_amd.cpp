@@ -2,7 +2,7 @@
 // Inputs: the public data files listed in gpudb/curated/README.md and the
 // curated CSV files in gpudb/curated/.  Change those and run the generator.
 // Each row's comment names the inputs its values came from.
-// AMD (0x1002): one row per (device, revision) of amdgpu.ids; unit counts by product name, else GPUOpen CUs.
+// AMD (0x1002): one row per (device, revision) of amdgpu.ids; unit counts by product name, else GPUOpen CUs; then the pre-GCN (TeraScale) ids of the radeon driver, no revision.
 #include "gpudb/gpu_db_tables.h"
 
 // device, codename, variant, adapter name, api level, unified shaders,

@@ -112,7 +112,7 @@ const GpuDbRow gpu_db_intel[] = {
     {0xA7AD, "Raptor Lake-U", "Raptor Lake-U Graphics", "Intel Raptor Lake-U Graphics", 110, -1, 0, 0, -1, -1, 0}, // linux-pciids; curated: intel_platforms
     {0x4626, "Alder Lake-P", "Alder Lake-P Graphics", "Intel Alder Lake-P Graphics", 110, -1, 0, 0, -1, -1, 0}, // linux-pciids; curated: intel_platforms
     {0x4628, "Alder Lake-UP3 GT2", "UHD Graphics", "Intel UHD Graphics", 110, -1, 0, 0, -1, -1, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
-    {0x462A, "AlderLake-P", "UHD Graphics", "Intel UHD Graphics", 110, -1, 0, 0, -1, -1, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
+    {0x462A, "Alder Lake-P", "UHD Graphics", "Intel UHD Graphics", 110, -1, 0, 0, -1, -1, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
     {0x4680, "Alder Lake-S GT1", "UHD Graphics 770", "Intel UHD Graphics 770", 110, 256, 0, 0, 16, 8, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
     {0x4682, "Alder Lake-S GT1", "UHD Graphics 730", "Intel UHD Graphics 730", 110, 192, 0, 0, 12, 8, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
     {0x4688, "Alder Lake-HX GT1", "UHD Graphics 770", "Intel UHD Graphics 770", 110, 256, 0, 0, 16, 8, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
@@ -128,12 +128,12 @@ const GpuDbRow gpu_db_intel[] = {
     {0x46A6, "Alder Lake-P GT2", "Iris Xe Graphics", "Intel Iris Xe Graphics", 110, -1, 0, 0, -1, -1, 0}, // linux-pciids; pci.ids; curated: intel_platforms
     {0x46A8, "Alder Lake-UP3 GT2", "Iris Xe Graphics", "Intel Iris Xe Graphics", 110, -1, 0, 0, -1, -1, 0}, // linux-pciids; pci.ids; curated: intel_platforms
     {0x46AA, "Alder Lake-UP4 GT2", "Iris Xe Graphics", "Intel Iris Xe Graphics", 110, -1, 0, 0, -1, -1, 0}, // linux-pciids; pci.ids; curated: intel_platforms
-    {0x46B0, "AlderLake-P", "Iris Xe Graphics", "Intel Iris Xe Graphics", 110, -1, 0, 0, -1, -1, 0}, // linux-pciids; pci.ids; curated: intel_platforms
-    {0x46B1, "AlderLake-P", "Iris Xe Graphics", "Intel Iris Xe Graphics", 110, -1, 0, 0, -1, -1, 0}, // linux-pciids; pci.ids; curated: intel_platforms
+    {0x46B0, "Alder Lake-P", "Iris Xe Graphics", "Intel Iris Xe Graphics", 110, -1, 0, 0, -1, -1, 0}, // linux-pciids; pci.ids; curated: intel_platforms
+    {0x46B1, "Alder Lake-P", "Iris Xe Graphics", "Intel Iris Xe Graphics", 110, -1, 0, 0, -1, -1, 0}, // linux-pciids; pci.ids; curated: intel_platforms
     {0x46B2, "Alder Lake-P", "Alder Lake-P Graphics", "Intel Alder Lake-P Graphics", 110, -1, 0, 0, -1, -1, 0}, // linux-pciids; curated: intel_platforms
     {0x46B3, "Alder Lake-UP3 GT1", "UHD Graphics", "Intel UHD Graphics", 110, -1, 0, 0, -1, -1, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
     {0x46C0, "Alder Lake-P", "Alder Lake-P Graphics", "Intel Alder Lake-P Graphics", 110, -1, 0, 0, -1, -1, 0}, // linux-pciids; curated: intel_platforms
-    {0x46C1, "AlderLake-M", "Iris Xe Graphics", "Intel Iris Xe Graphics", 110, -1, 0, 0, -1, -1, 0}, // linux-pciids; pci.ids; curated: intel_platforms
+    {0x46C1, "Alder Lake-M", "Iris Xe Graphics", "Intel Iris Xe Graphics", 110, -1, 0, 0, -1, -1, 0}, // linux-pciids; pci.ids; curated: intel_platforms
     {0x46C2, "Alder Lake-P", "Alder Lake-P Graphics", "Intel Alder Lake-P Graphics", 110, -1, 0, 0, -1, -1, 0}, // linux-pciids; curated: intel_platforms
     {0x46C3, "Alder Lake-UP4 GT1", "UHD Graphics", "Intel UHD Graphics", 110, -1, 0, 0, -1, -1, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
     {0x46D0, "Alder Lake-N", "UHD Graphics", "Intel UHD Graphics", 110, -1, 0, 0, -1, -1, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
@@ -142,16 +142,16 @@ const GpuDbRow gpu_db_intel[] = {
     {0x46D3, "Alder Lake-N", "Alder Lake-N Graphics", "Intel Alder Lake-N Graphics", 110, -1, 0, 0, -1, -1, 0}, // linux-pciids; curated: intel_platforms
     {0x46D4, "Alder Lake-N", "Alder Lake-N Graphics", "Intel Alder Lake-N Graphics", 110, -1, 0, 0, -1, -1, 0}, // linux-pciids; curated: intel_platforms
     {0x4C80, "Rocket Lake-S", "Rocket Lake-S Graphics", "Intel Rocket Lake-S Graphics", 110, -1, 0, 0, -1, -1, 0}, // linux-pciids; curated: intel_platforms
-    {0x4C8A, "RocketLake-S GT1", "UHD Graphics 750", "Intel UHD Graphics 750", 110, 256, 0, 0, 16, 8, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
-    {0x4C8B, "RocketLake-S GT1", "UHD Graphics 730", "Intel UHD Graphics 730", 110, 192, 0, 0, 12, 8, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
+    {0x4C8A, "Rocket Lake-S GT1", "UHD Graphics 750", "Intel UHD Graphics 750", 110, 256, 0, 0, 16, 8, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
+    {0x4C8B, "Rocket Lake-S GT1", "UHD Graphics 730", "Intel UHD Graphics 730", 110, 192, 0, 0, 12, 8, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
     {0x4C8C, "Rocket Lake-S", "Rocket Lake-S Graphics", "Intel Rocket Lake-S Graphics", 110, -1, 0, 0, -1, -1, 0}, // linux-pciids; curated: intel_platforms
-    {0x4C90, "RocketLake-S GT1", "UHD Graphics P750", "Intel UHD Graphics P750", 110, 256, 0, 0, 64, 32, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
-    {0x4C9A, "RocketLake-S", "UHD Graphics", "Intel UHD Graphics", 110, -1, 0, 0, -1, -1, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
+    {0x4C90, "Rocket Lake-S GT1", "UHD Graphics P750", "Intel UHD Graphics P750", 110, 256, 0, 0, 64, 32, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
+    {0x4C9A, "Rocket Lake-S", "UHD Graphics", "Intel UHD Graphics", 110, -1, 0, 0, -1, -1, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
     {0x9A40, "Tiger Lake-UP4 GT2", "Iris Xe Graphics", "Intel Iris Xe Graphics", 110, -1, 0, 0, -1, -1, 0}, // linux-pciids; pci.ids; curated: intel_platforms
-    {0x9A49, "TigerLake-LP GT2", "Iris Xe Graphics", "Intel Iris Xe Graphics", 110, -1, 0, 0, -1, -1, 0}, // linux-pciids; pci.ids; curated: intel_platforms
+    {0x9A49, "Tiger Lake-LP GT2", "Iris Xe Graphics", "Intel Iris Xe Graphics", 110, -1, 0, 0, -1, -1, 0}, // linux-pciids; pci.ids; curated: intel_platforms
     {0x9A59, "Tiger Lake GT2", "Tiger Lake GT2 Graphics", "Intel Tiger Lake GT2 Graphics", 110, -1, 0, 0, -1, -1, 0}, // linux-pciids; curated: intel_platforms
-    {0x9A60, "TigerLake-H GT1", "UHD Graphics", "Intel UHD Graphics", 110, -1, 0, 0, -1, -1, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
-    {0x9A68, "TigerLake-H GT1", "UHD Graphics", "Intel UHD Graphics", 110, -1, 0, 0, -1, -1, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
+    {0x9A60, "Tiger Lake-H GT1", "UHD Graphics", "Intel UHD Graphics", 110, -1, 0, 0, -1, -1, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
+    {0x9A68, "Tiger Lake-H GT1", "UHD Graphics", "Intel UHD Graphics", 110, -1, 0, 0, -1, -1, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
     {0x9A70, "Tiger Lake-H GT1", "UHD Graphics", "Intel UHD Graphics", 110, -1, 0, 0, -1, -1, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
     {0x9A78, "Tiger Lake-LP GT2", "UHD Graphics G4", "Intel UHD Graphics G4", 110, 384, 0, 0, 32, 8, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
     {0x9AC0, "Tiger Lake GT2", "Tiger Lake GT2 Graphics", "Intel Tiger Lake GT2 Graphics", 110, -1, 0, 0, -1, -1, 0}, // linux-pciids; curated: intel_platforms
@@ -165,10 +165,10 @@ const GpuDbRow gpu_db_intel[] = {
     {0x4570, "Elkhart Lake", "UHD Graphics", "Intel UHD Graphics", 110, -1, 0, 0, -1, -1, 15}, // linux-pciids; curated: intel_platforms; tpu_detail
     {0x4571, "Elkhart Lake", "UHD Graphics Gen11 32EU", "Intel UHD Graphics Gen11 32EU", 110, -1, 0, 0, -1, -1, 0}, // linux-pciids; pci.ids; curated: intel_platforms
     {0x4E51, "Jasper Lake", "UHD Graphics", "Intel UHD Graphics", 110, -1, 0, 0, -1, -1, 15}, // linux-pciids; curated: intel_platforms; tpu_detail
-    {0x4E55, "JasperLake", "UHD Graphics", "Intel UHD Graphics", 110, -1, 0, 0, -1, -1, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
+    {0x4E55, "Jasper Lake", "UHD Graphics", "Intel UHD Graphics", 110, -1, 0, 0, -1, -1, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
     {0x4E57, "Jasper Lake", "UHD Graphics", "Intel UHD Graphics", 110, -1, 0, 0, -1, -1, 15}, // linux-pciids; curated: intel_platforms; tpu_detail
-    {0x4E61, "JasperLake", "UHD Graphics", "Intel UHD Graphics", 110, -1, 0, 0, -1, -1, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
-    {0x4E71, "JasperLake", "UHD Graphics", "Intel UHD Graphics", 110, -1, 0, 0, -1, -1, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
+    {0x4E61, "Jasper Lake", "UHD Graphics", "Intel UHD Graphics", 110, -1, 0, 0, -1, -1, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
+    {0x4E71, "Jasper Lake", "UHD Graphics", "Intel UHD Graphics", 110, -1, 0, 0, -1, -1, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
     {0x8A50, "Ice Lake", "Ice Lake Graphics", "Intel Ice Lake Graphics", 110, -1, 0, 0, -1, -1, 0}, // linux-pciids; curated: intel_platforms
     {0x8A51, "Ice Lake", "Iris Plus Graphics G7", "Intel Iris Plus Graphics G7", 110, 512, 0, 0, 32, 8, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
     {0x8A52, "Ice Lake", "Iris Plus Graphics G7", "Intel Iris Plus Graphics G7", 110, 512, 0, 0, 32, 8, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
@@ -185,23 +185,23 @@ const GpuDbRow gpu_db_intel[] = {
     {0x8A70, "Ice Lake", "Ice Lake Graphics", "Intel Ice Lake Graphics", 110, -1, 0, 0, -1, -1, 0}, // linux-pciids; curated: intel_platforms
     {0x8A71, "Ice Lake", "Ice Lake Graphics", "Intel Ice Lake Graphics", 110, -1, 0, 0, -1, -1, 0}, // linux-pciids; curated: intel_platforms
     {0x9B21, "Comet Lake-U GT2", "UHD Graphics 620", "Intel UHD Graphics 620", 110, 192, 0, 0, 24, 3, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
-    {0x9B41, "CometLake-U GT2", "UHD Graphics", "Intel UHD Graphics", 110, -1, 0, 0, -1, -1, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
+    {0x9B41, "Comet Lake-U GT2", "UHD Graphics", "Intel UHD Graphics", 110, -1, 0, 0, -1, -1, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
     {0x9BA2, "Comet Lake GT1", "UHD Graphics 610", "Intel UHD Graphics 610", 110, 96, 0, 0, 12, 2, 15}, // linux-pciids; curated: intel_platforms; tpu_detail
     {0x9BA4, "Comet Lake-H GT1", "UHD Graphics 610", "Intel UHD Graphics 610", 110, 96, 0, 0, 12, 2, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
     {0x9BA5, "Comet Lake GT1", "UHD Graphics 610", "Intel UHD Graphics 610", 110, 96, 0, 0, 12, 2, 15}, // linux-pciids; curated: intel_platforms; tpu_detail
-    {0x9BA8, "CometLake-S GT1", "UHD Graphics 610", "Intel UHD Graphics 610", 110, 96, 0, 0, 12, 2, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
+    {0x9BA8, "Comet Lake-S GT1", "UHD Graphics 610", "Intel UHD Graphics 610", 110, 96, 0, 0, 12, 2, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
     {0x9BAA, "Comet Lake-U GT1", "UHD Graphics", "Intel UHD Graphics", 110, -1, 0, 0, -1, -1, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
     {0x9BAC, "Comet Lake-U GT1", "UHD Graphics", "Intel UHD Graphics", 110, -1, 0, 0, -1, -1, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
     {0x9BC2, "Comet Lake GT2", "UHD Graphics 630", "Intel UHD Graphics 630", 110, -1, 0, 0, -1, 3, 15}, // linux-pciids; curated: intel_platforms; tpu_detail
-    {0x9BC4, "CometLake-H GT2", "UHD Graphics", "Intel UHD Graphics", 110, -1, 0, 0, -1, -1, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
-    {0x9BC5, "CometLake-S GT2", "UHD Graphics 630", "Intel UHD Graphics 630", 110, -1, 0, 0, -1, 3, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
+    {0x9BC4, "Comet Lake-H GT2", "UHD Graphics", "Intel UHD Graphics", 110, -1, 0, 0, -1, -1, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
+    {0x9BC5, "Comet Lake-S GT2", "UHD Graphics 630", "Intel UHD Graphics 630", 110, -1, 0, 0, -1, 3, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
     {0x9BC6, "Comet Lake-S GT2", "UHD Graphics P630", "Intel UHD Graphics P630", 110, 192, 0, 0, 24, 3, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
-    {0x9BC8, "CometLake-S GT2", "UHD Graphics 630", "Intel UHD Graphics 630", 110, -1, 0, 0, -1, 3, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
+    {0x9BC8, "Comet Lake-S GT2", "UHD Graphics 630", "Intel UHD Graphics 630", 110, -1, 0, 0, -1, 3, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
     {0x9BCA, "Comet Lake-U GT2", "UHD Graphics", "Intel UHD Graphics", 110, -1, 0, 0, -1, -1, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
     {0x9BCC, "Comet Lake-U GT2", "UHD Graphics", "Intel UHD Graphics", 110, -1, 0, 0, -1, -1, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
     {0x9BE6, "Comet Lake-S GT2", "UHD Graphics P630", "Intel UHD Graphics P630", 110, 192, 0, 0, 24, 3, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
     {0x9BF6, "Coffee Lake-S GT2", "UHD Graphics P630", "Intel UHD Graphics P630", 110, 192, 0, 0, 24, 3, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
-    {0x3EA0, "WhiskeyLake-U GT2", "UHD Graphics 620", "Intel UHD Graphics 620", 110, 192, 0, 0, 24, 3, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
+    {0x3EA0, "Whiskey Lake-U GT2", "UHD Graphics 620", "Intel UHD Graphics 620", 110, 192, 0, 0, 24, 3, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
     {0x3EA1, "Whiskey Lake-U GT1", "UHD Graphics 610", "Intel UHD Graphics 610", 110, 96, 0, 0, 12, 2, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
     {0x3EA2, "Whiskey Lake-U GT3", "Whiskey Lake-U GT3 Graphics", "Intel Whiskey Lake-U GT3 Graphics", 110, -1, 0, 0, -1, -1, 0}, // linux-pciids; curated: intel_platforms
     {0x3EA3, "Whiskey Lake-U GT2", "UHD Graphics 620", "Intel UHD Graphics 620", 110, 192, 0, 0, 24, 3, 15}, // linux-pciids; curated: intel_platforms; tpu_detail
@@ -209,18 +209,18 @@ const GpuDbRow gpu_db_intel[] = {
     {0x591C, "Amber Lake GT2", "UHD Graphics 615", "Intel UHD Graphics 615", 110, 192, 0, 0, 24, 3, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
     {0x87C0, "Amber Lake GT2", "UHD Graphics 617", "Intel UHD Graphics 617", 110, 192, 0, 0, 24, 3, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
     {0x87CA, "Amber Lake GT2", "UHD Graphics 617", "Intel UHD Graphics 617", 110, 192, 0, 0, 24, 3, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
-    {0x3E90, "CoffeeLake-S GT1", "UHD Graphics 610", "Intel UHD Graphics 610", 110, 96, 0, 0, 12, 2, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
-    {0x3E91, "CoffeeLake-S GT2", "UHD Graphics 630", "Intel UHD Graphics 630", 110, -1, 0, 0, -1, 3, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
-    {0x3E92, "CoffeeLake-S GT2", "UHD Graphics 630", "Intel UHD Graphics 630", 110, -1, 0, 0, -1, 3, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
-    {0x3E93, "CoffeeLake-S GT1", "UHD Graphics 610", "Intel UHD Graphics 610", 110, 96, 0, 0, 12, 2, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
+    {0x3E90, "Coffee Lake-S GT1", "UHD Graphics 610", "Intel UHD Graphics 610", 110, 96, 0, 0, 12, 2, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
+    {0x3E91, "Coffee Lake-S GT2", "UHD Graphics 630", "Intel UHD Graphics 630", 110, -1, 0, 0, -1, 3, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
+    {0x3E92, "Coffee Lake-S GT2", "UHD Graphics 630", "Intel UHD Graphics 630", 110, -1, 0, 0, -1, 3, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
+    {0x3E93, "Coffee Lake-S GT1", "UHD Graphics 610", "Intel UHD Graphics 610", 110, 96, 0, 0, 12, 2, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
     {0x3E94, "Coffee Lake-S GT2", "UHD Graphics P630", "Intel UHD Graphics P630", 110, 192, 0, 0, 24, 3, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
-    {0x3E96, "CoffeeLake-S GT2", "UHD Graphics P630", "Intel UHD Graphics P630", 110, 192, 0, 0, 24, 3, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
-    {0x3E98, "CoffeeLake-S GT2", "UHD Graphics 630", "Intel UHD Graphics 630", 110, -1, 0, 0, -1, 3, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
+    {0x3E96, "Coffee Lake-S GT2", "UHD Graphics P630", "Intel UHD Graphics P630", 110, 192, 0, 0, 24, 3, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
+    {0x3E98, "Coffee Lake-S GT2", "UHD Graphics 630", "Intel UHD Graphics 630", 110, -1, 0, 0, -1, 3, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
     {0x3E99, "Coffee Lake-S GT1", "UHD Graphics 610", "Intel UHD Graphics 610", 110, 96, 0, 0, 12, 2, 15}, // linux-pciids; curated: intel_platforms; tpu_detail
     {0x3E9A, "Coffee Lake-S GT2", "UHD Graphics P630", "Intel UHD Graphics P630", 110, 192, 0, 0, 24, 3, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
-    {0x3E9B, "CoffeeLake-H GT2", "UHD Graphics 630", "Intel UHD Graphics 630", 110, -1, 0, 0, -1, 3, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
+    {0x3E9B, "Coffee Lake-H GT2", "UHD Graphics 630", "Intel UHD Graphics 630", 110, -1, 0, 0, -1, 3, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
     {0x3E9C, "Coffee Lake-S GT1", "UHD Graphics 610", "Intel UHD Graphics 610", 110, 96, 0, 0, 12, 2, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
-    {0x3EA5, "CoffeeLake-U GT3e", "Iris Plus Graphics 655", "Intel Iris Plus Graphics 655", 110, 384, 0, 0, 48, 6, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
+    {0x3EA5, "Coffee Lake-U GT3e", "Iris Plus Graphics 655", "Intel Iris Plus Graphics 655", 110, 384, 0, 0, 48, 6, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
     {0x3EA6, "Coffee Lake-U GT3", "Iris Plus Graphics 645", "Intel Iris Plus Graphics 645", 110, 384, 0, 0, 48, 6, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
     {0x3EA7, "Coffee Lake-U GT3", "Coffee Lake-U GT3 Graphics", "Intel Coffee Lake-U GT3 Graphics", 110, -1, 0, 0, -1, -1, 0}, // linux-pciids; curated: intel_platforms
     {0x3EA8, "Coffee Lake-U GT3", "Iris Plus Graphics 655", "Intel Iris Plus Graphics 655", 110, 384, 0, 0, 48, 6, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
@@ -245,8 +245,8 @@ const GpuDbRow gpu_db_intel[] = {
     {0x5926, "Kaby Lake-U GT3", "Iris Plus Graphics 640", "Intel Iris Plus Graphics 640", 110, 384, 0, 0, 48, 6, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
     {0x5927, "Kaby Lake-U GT3", "Iris Plus Graphics 650", "Intel Iris Plus Graphics 650", 110, 384, 0, 0, 48, 6, 15}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
     {0x593B, "Kaby Lake GT4", "Kaby Lake GT4 Graphics", "Intel Kaby Lake GT4 Graphics", 110, -1, 0, 0, -1, -1, 0}, // linux-pciids; curated: intel_platforms
-    {0x3184, "GeminiLake", "UHD Graphics 605", "Intel UHD Graphics 605", 110, 144, 0, 0, 18, 3, 5}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
-    {0x3185, "GeminiLake", "UHD Graphics 600", "Intel UHD Graphics 600", 110, 96, 0, 0, 12, 2, 5}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
+    {0x3184, "Gemini Lake", "UHD Graphics 605", "Intel UHD Graphics 605", 110, 144, 0, 0, 18, 3, 5}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
+    {0x3185, "Gemini Lake", "UHD Graphics 600", "Intel UHD Graphics 600", 110, 96, 0, 0, 12, 2, 5}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
     {0x0A84, "Apollo Lake", "Apollo Lake Graphics", "Intel Apollo Lake Graphics", 110, -1, 0, 0, -1, -1, 0}, // linux-pciids; curated: intel_platforms
     {0x1A84, "Apollo Lake", "Apollo Lake Graphics", "Intel Apollo Lake Graphics", 110, -1, 0, 0, -1, -1, 0}, // linux-pciids; curated: intel_platforms
     {0x1A85, "Apollo Lake", "Apollo Lake Graphics", "Intel Apollo Lake Graphics", 110, -1, 0, 0, -1, -1, 0}, // linux-pciids; curated: intel_platforms
@@ -366,7 +366,7 @@ const GpuDbRow gpu_db_intel[] = {
     {0x0152, "Ivy Bridge GT1", "HD Graphics 2500", "Intel HD Graphics 2500", 110, -1, 0, 0, -1, -1, 0}, // linux-pciids; curated: intel_platforms
     {0x0156, "Ivy Bridge mobile GT1", "HD Graphics", "Intel HD Graphics", 110, -1, 0, 0, -1, -1, 0}, // linux-pciids; pci.ids; curated: intel_platforms
     {0x015A, "Ivy Bridge GT1", "HD Graphics 2500", "Intel HD Graphics 2500", 110, -1, 0, 0, -1, -1, 0}, // linux-pciids; curated: intel_platforms
-    {0x0162, "IvyBridge GT2", "HD Graphics 4000", "Intel HD Graphics 4000", 110, 128, 0, 0, 16, 2, 0}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
+    {0x0162, "Ivy Bridge GT2", "HD Graphics 4000", "Intel HD Graphics 4000", 110, 128, 0, 0, 16, 2, 0}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
     {0x0166, "Ivy Bridge mobile GT2", "HD Graphics 4000", "Intel HD Graphics 4000", 110, 128, 0, 0, 16, 2, 0}, // linux-pciids; pci.ids; curated: intel_platforms; tpu_detail
     {0x016A, "Ivy Bridge GT2", "HD Graphics 4000", "Intel HD Graphics 4000", 110, 128, 0, 0, 16, 2, 0}, // linux-pciids; curated: intel_platforms; tpu_detail
     {0x0102, "Sandy Bridge GT1", "HD Graphics 2000", "Intel HD Graphics 2000", 100, 48, 0, 0, 6, 1, 0}, // linux-pciids; curated: intel_platforms; tpu_detail
@@ -387,9 +387,9 @@ const GpuDbRow gpu_db_intel[] = {
     {0x2E32, "GMA X4500", "GMA X4500", "Intel GMA X4500", 100, 80, 0, 0, 10, 1, 13}, // linux-pciids; curated: intel_platforms; tpu_detail
     {0x2E42, "GMA X4500", "GMA X4500", "Intel GMA X4500", 100, 80, 0, 0, 10, 1, 13}, // linux-pciids; curated: intel_platforms; tpu_detail
     {0x2E92, "GMA X4500", "GMA X4500", "Intel GMA X4500", 100, 80, 0, 0, 10, 1, 13}, // linux-pciids; curated: intel_platforms; tpu_detail
-    {0x2972, "GMA X3000", "GMA X3000", "Intel GMA X3000", 100, -1, 0, 0, -1, -1, 13}, // linux-pciids; curated: intel_platforms; tpu_detail
-    {0x2982, "GMA X3000", "GMA X3000", "Intel GMA X3000", 100, -1, 0, 0, -1, -1, 13}, // linux-pciids; curated: intel_platforms; tpu_detail
-    {0x2992, "GMA X3000", "GMA X3000", "Intel GMA X3000", 100, -1, 0, 0, -1, -1, 13}, // linux-pciids; curated: intel_platforms; tpu_detail
+    {0x2972, "GMA 3000", "GMA 3000", "Intel GMA 3000", 100, -1, 0, 0, 4, 4, 13}, // linux-pciids; curated: intel_platforms; tpu_detail; curated: pci.ids chipset 82946GZ/GL has the GMA 3000 (Intel chipset product pages); curated: tpu_detail (Intel GMA 3000)
+    {0x2982, "GMA X3500", "GMA X3500", "Intel GMA X3500", 100, -1, 0, 0, 8, 1, 13}, // linux-pciids; curated: intel_platforms; tpu_detail; curated: pci.ids chipset 82G35 has the GMA X3500 (Intel chipset product pages); curated: tpu_detail (Intel GMA X3500)
+    {0x2992, "GMA 3000", "GMA 3000", "Intel GMA 3000", 100, -1, 0, 0, 4, 4, 13}, // linux-pciids; curated: intel_platforms; tpu_detail; curated: pci.ids chipset 82Q963/Q965 has the GMA 3000 (Intel chipset product pages); curated: tpu_detail (Intel GMA 3000)
     {0x29A2, "GMA X3000", "GMA X3000", "Intel GMA X3000", 100, -1, 0, 0, -1, -1, 13}, // linux-pciids; curated: intel_platforms; tpu_detail
     {0x29B2, "GMA 3100", "GMA 3100", "Intel GMA 3100", 90, 0, -1, -1, -1, -1, 13}, // linux-pciids; curated: intel_platforms; tpu_detail
     {0x29C2, "GMA 3100", "GMA 3100", "Intel GMA 3100", 90, 0, -1, -1, -1, -1, 13}, // linux-pciids; curated: intel_platforms; tpu_detail

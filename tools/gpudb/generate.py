@@ -34,7 +34,7 @@ GPU_TABLES = [
      "NVIDIA (0x10DE): ids and names from the NVIDIA driver lists and pci.ids, newest generation first."),
     ("gpu_db_amd", gpudb_amd.build,
      "AMD (0x1002): one row per (device, revision) of amdgpu.ids; unit counts by product name, "
-     "else GPUOpen CUs."),
+     "else GPUOpen CUs; then the pre-GCN (TeraScale) ids of the radeon driver, no revision."),
     ("gpu_db_intel", gpudb_intel.build,
      "Intel (0x8086): ids from the Linux i915/xe list; discrete parts first, then integrated."),
     ("gpu_db_moore_threads", gpudb_misc.build_moore_threads,

@@ -12,6 +12,12 @@ TABLE = "intel"
 _BRAND = re.compile(r"((?:U?HD|Iris(?: Pro| Plus| Xe)?|Arc(?: Pro)?|Xe) Graphics(?: [A-Z]?\d+[A-Z]*)?|GMA [\w]+)")
 
 
+def _spaced_codename(code):
+    """pci.ids spells some platforms run together ('IvyBridge GT2', 'CoffeeLake-H',
+    'GeminiLake'); the table uses Intel's spelling with a blank ('Ivy Bridge GT2')."""
+    return re.sub(r"\b([A-Z][a-z]+)(Lake|Bridge|Trail)\b", r"\1 \2", code)
+
+
 def _model_from_pci(pci_name):
     """(codename or '', model or '') from a pci.ids Intel graphics name."""
     if not pci_name:
@@ -48,6 +54,7 @@ def build(src, index, curated, log):
                 model = ""
         if not code:
             code = plat["codename"]
+        code = _spaced_codename(code)
         if not model or not named:
             model = plat["model"].strip() or (plat["codename"] + " Graphics")
         model = clean_name(re.sub(r"^Intel\s+", "", model))
