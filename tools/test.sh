@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds everything and runs every test: once plain, once under
-# AddressSanitizer with UndefinedBehaviorSanitizer.
+# AddressSanitizer with UndefinedBehaviorSanitizer; then the update thread's
+# tests under ThreadSanitizer.
 # The tests lay out fake machines in private mount namespaces: run as root
 # (or where unprivileged user namespaces are allowed).
 set -euo pipefail
@@ -18,3 +19,11 @@ cmake -S . -B build-asan -G Ninja -DZEV_SANITIZE=address -DZEV_BUILD_BENCHMARKS=
 cmake --build build-asan -j"$jobs"
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=0 UBSAN_OPTIONS=print_stacktrace=1 \
   ctest --test-dir build-asan -j"$jobs" --output-on-failure
+
+echo "== ThreadSanitizer build: the update thread and the refresh it runs"
+# Only the races the design has (tools/tsan.supp names them) are allowed.
+cmake -S . -B build-tsan -G Ninja -DZEV_SANITIZE=thread -DZEV_BUILD_BENCHMARKS=OFF >/dev/null
+cmake --build build-tsan -j"$jobs" --target update_thread_test update_loop_test dispatch_routing_test
+TSAN_OPTIONS="suppressions=$PWD/tools/tsan.supp halt_on_error=1 second_deadlock_stack=1" \
+  ctest --test-dir build-tsan -j"$jobs" --output-on-failure \
+  -R '^(UpdateThread|UpdateThreadThroughThePlugin|UpdateThroughThePlugin|UpdateLoop|Dispatch)\.'

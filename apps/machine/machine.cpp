@@ -2,9 +2,12 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <pthread.h>
 #include <sched.h>
 #include <signal.h>
+#include <sys/inotify.h>
 #include <sys/mount.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -15,6 +18,8 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <optional>
+#include <sstream>
 
 namespace fs = std::filesystem;
 
@@ -30,13 +35,32 @@ const char* const kKnownTools[] = {"nvidia-smi", "nvidia-settings", "vcgencmd", 
 // Device nodes every program needs, taken over from the real /dev.
 const char* const kDevNodes[] = {"null", "zero", "full", "random", "urandom", "tty"};
 
+// One sequenced file (see machine.h). Everything the follower needs is
+// prepared before it is forked, so that it only makes system calls.
+struct Sequence {
+  struct Value {
+    bool absent = false;
+    std::string text;  // the file's whole content
+  };
+  std::string path;  // the file in the staged copy, no symlink on the way
+  std::string dir;   // its folder (watched by the follower)
+  std::string name;  // its name in that folder
+  std::string temp;  // scratch file on the same tmpfs, for atomic updates
+  std::vector<Value> values;
+  size_t current = 0;  // index of the value in place
+  int watch = -1;      // the follower's watch on `dir`
+  bool read = false;   // read since the follower last moved values on
+};
+
 struct State {
   bool inside = false;
   int original_ns = -1;  // the real mount namespace, to go back to
   std::string staging;   // tmpfs mount point (a fresh directory under /tmp)
-  std::string saved_path;
-  std::string saved_ld_path;
-  bool had_ld_path = false;
+  // Variables set for the machine, with the values they had before (none:
+  // unset), restored in reverse order when leaving.
+  std::vector<std::pair<std::string, std::optional<std::string>>> saved_env;
+  std::vector<Sequence> sequences;
+  pid_t follower = -1;  // the process that follows reads, if any
 };
 
 State g_state;
@@ -187,19 +211,205 @@ bool lay_out_dev(const std::string& staging, const std::string& staged, std::str
   return true;
 }
 
-void set_environment(const std::string& staged) {
-  const char* path = std::getenv("PATH");
-  g_state.saved_path = path ? path : "";
-  const char* ld = std::getenv("LD_LIBRARY_PATH");
-  g_state.had_ld_path = ld != nullptr;
-  g_state.saved_ld_path = ld ? ld : "";
+void set_variable(const std::string& name, const std::string& value) {
+  const char* before = std::getenv(name.c_str());
+  g_state.saved_env.emplace_back(name, before ? std::optional<std::string>(before) : std::nullopt);
+  setenv(name.c_str(), value.c_str(), 1);
+}
 
-  std::string new_path = staged + "/bin";
-  new_path += ":" + (path ? std::string(path) : std::string("/usr/local/bin:/usr/bin:/bin"));
-  setenv("PATH", new_path.c_str(), 1);
-  std::string new_ld = staged + "/lib";
-  if (ld && *ld) new_ld += ":" + std::string(ld);
-  setenv("LD_LIBRARY_PATH", new_ld.c_str(), 1);
+void restore_environment() {
+  for (auto it = g_state.saved_env.rbegin(); it != g_state.saved_env.rend(); ++it) {
+    if (it->second) {
+      setenv(it->first.c_str(), it->second->c_str(), 1);
+    } else {
+      unsetenv(it->first.c_str());
+    }
+  }
+  g_state.saved_env.clear();
+}
+
+// machine.env: one NAME=value a line ('#' starts a comment); $MACHINE in a
+// value stands for the machine's private copy, e.g.
+//   LD_PRELOAD=$MACHINE/lib/libfake_nvidia_driver.so
+bool load_machine_env(const std::string& staged, std::string* error) {
+  std::ifstream in(staged + "/machine.env");
+  if (!in) return true;
+  std::string line;
+  for (int number = 1; std::getline(in, line); ++number) {
+    if (line.empty() || line[0] == '#') continue;
+    const size_t equals = line.find('=');
+    if (equals == 0 || equals == std::string::npos) {
+      return fail(error, "machine.env line " + std::to_string(number) + " is no NAME=value");
+    }
+    std::string value = line.substr(equals + 1);
+    for (size_t at; (at = value.find("$MACHINE")) != std::string::npos;)
+      value.replace(at, 8, staged);
+    set_variable(line.substr(0, equals), value);
+  }
+  return true;
+}
+
+bool set_environment(const std::string& machine_name, const std::string& staged,
+                     std::string* error) {
+  const char* path = std::getenv("PATH");
+  set_variable("PATH", staged + "/bin:" +
+                           (path ? std::string(path) : std::string("/usr/local/bin:/usr/bin:/bin")));
+  const char* ld = std::getenv("LD_LIBRARY_PATH");
+  set_variable("LD_LIBRARY_PATH", staged + "/lib" + ((ld && *ld) ? ":" + std::string(ld) : ""));
+  set_variable("ZEV_MACHINE", machine_name);
+  return load_machine_env(staged, error);
+}
+
+// Writes value `index` of a sequence in place, with system calls only.
+bool put_value(const Sequence& sequence, size_t index) {
+  const Sequence::Value& value = sequence.values[index];
+  if (value.absent) return unlink(sequence.path.c_str()) == 0 || errno == ENOENT;
+  const int fd = open(sequence.temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  if (fd < 0) return false;
+  size_t done = 0;
+  while (done < value.text.size()) {
+    const ssize_t n = write(fd, value.text.data() + done, value.text.size() - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) {
+      close(fd);
+      return false;
+    }
+    done += static_cast<size_t>(n);
+  }
+  close(fd);
+  return rename(sequence.temp.c_str(), sequence.path.c_str()) == 0;
+}
+
+bool advance(Sequence* sequence) {
+  sequence->current = (sequence->current + 1) % sequence->values.size();
+  return put_value(*sequence, sequence->current);
+}
+
+bool path_within(const fs::path& path, const fs::path& root) {
+  const std::string p = path.string();
+  const std::string r = root.string();
+  return p == r || (p.size() > r.size() && p.compare(0, r.size(), r) == 0 && p[r.size()] == '/');
+}
+
+// Reads the machine's "sequences" file, checks that every path stays inside
+// the staged sys/ tree (symlinks resolved), and writes each first value.
+bool load_sequences(const std::string& staging, const std::string& staged, std::string* error) {
+  std::ifstream in(staged + "/sequences");
+  if (!in) return true;
+  std::error_code ec;
+  const fs::path sys_root = fs::canonical(fs::path(staged) / "sys", ec);
+  if (ec) return fail(error, "sequences: the machine has no sys/ folder");
+
+  std::string line;
+  int line_number = 0;
+  while (std::getline(in, line)) {
+    ++line_number;
+    std::istringstream words(line);
+    std::string relative;
+    if (!(words >> relative) || relative[0] == '#') continue;
+    const std::string where = "sequences line " + std::to_string(line_number) + ": ";
+
+    const fs::path rel(relative);
+    bool escapes = rel.is_absolute() || rel.begin() == rel.end() || *rel.begin() != "sys";
+    for (const fs::path& part : rel) escapes = escapes || part == "..";
+    if (escapes || !rel.has_filename()) {
+      return fail(error, where + relative + " is not a file under sys/");
+    }
+    const fs::path dir = fs::canonical(fs::path(staged) / rel.parent_path(), ec);
+    if (ec || !path_within(dir, sys_root)) {
+      return fail(error, where + "the folder of " + relative + " is not inside the machine's sys/");
+    }
+    const fs::path target = dir / rel.filename();
+    if (fs::is_symlink(fs::symlink_status(target, ec))) {
+      return fail(error, where + relative + " is a symlink; name the file it points to");
+    }
+
+    Sequence sequence;
+    sequence.path = target.string();
+    sequence.dir = dir.string();
+    sequence.name = rel.filename().string();
+    sequence.temp = staging + "/sequence-" + std::to_string(g_state.sequences.size()) + ".tmp";
+    std::string word;
+    while (words >> word) {
+      Sequence::Value value;
+      if (word == "<absent>") {
+        value.absent = true;
+      } else if (word != "<empty>") {
+        value.text = word + "\n";
+      }
+      sequence.values.push_back(value);
+    }
+    if (sequence.values.empty()) return fail(error, where + relative + " has no values");
+    if (!put_value(sequence, 0)) return fail(error, errno_text(where + "cannot write " + relative));
+    g_state.sequences.push_back(sequence);
+  }
+  return true;
+}
+
+// The follower: once the reads of sequenced files pause for kQuietMs, every
+// file read since the last pause moves on to its next value. A monitor's
+// refresh (or its first scan, which may read a file more than once) is one
+// such burst of reads. Runs in a forked child and makes system calls only.
+constexpr int kQuietMs = 50;
+
+[[noreturn]] void follow(int ready_fd) {
+  const int null_fd = open("/dev/null", O_RDWR);
+  for (int fd = 0; fd < 3; ++fd) {
+    if (null_fd >= 0) dup2(null_fd, fd);
+  }
+  for (int fd = 3; fd < 1024; ++fd) {
+    if (fd != ready_fd) close(fd);
+  }
+  const int notify = inotify_init1(IN_CLOEXEC);
+  if (notify < 0) _exit(1);
+  for (Sequence& sequence : g_state.sequences) {
+    sequence.watch = inotify_add_watch(notify, sequence.dir.c_str(), IN_CLOSE_NOWRITE);
+    if (sequence.watch < 0) _exit(1);
+  }
+  const char ready = 1;
+  if (write(ready_fd, &ready, 1) != 1) _exit(1);
+  close(ready_fd);
+
+  alignas(struct inotify_event) char buffer[8192];
+  bool burst = false;
+  for (;;) {
+    struct pollfd pending = {notify, POLLIN, 0};
+    const int polled = poll(&pending, 1, burst ? kQuietMs : -1);
+    if (polled < 0 && errno == EINTR) continue;
+    if (polled < 0) _exit(0);
+    if (polled == 0) {
+      // The burst is over. A file that is absent for now cannot be read; it
+      // comes back after a burst of reads of the others.
+      for (Sequence& sequence : g_state.sequences) {
+        if (sequence.read || sequence.values[sequence.current].absent) advance(&sequence);
+        sequence.read = false;
+      }
+      burst = false;
+      continue;
+    }
+    const ssize_t n = read(notify, buffer, sizeof buffer);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) _exit(0);
+    for (char* p = buffer; p < buffer + n;) {
+      const auto* event = reinterpret_cast<const struct inotify_event*>(p);
+      p += sizeof(struct inotify_event) + event->len;
+      if ((event->mask & IN_ISDIR) != 0 || event->len == 0) continue;
+      for (Sequence& sequence : g_state.sequences) {
+        if (sequence.watch == event->wd && std::strcmp(sequence.name.c_str(), event->name) == 0) {
+          sequence.read = true;
+          burst = true;
+        }
+      }
+    }
+  }
+}
+
+void stop_follower() {
+  if (g_state.follower <= 0) return;
+  kill(g_state.follower, SIGKILL);
+  while (waitpid(g_state.follower, nullptr, 0) < 0 && errno == EINTR) {
+  }
+  g_state.follower = -1;
 }
 
 bool enter_at(const std::string& dir, const std::string& staging, std::string* error) {
@@ -224,14 +434,16 @@ bool enter_at(const std::string& dir, const std::string& staging, std::string* e
 
   const std::string staged = staging + "/machine";
   bool ok = mount_tmpfs(staging, error) && stage(machine_dir.string(), staged, error) &&
-            lay_out_proc(staged, error) && lay_out_sys(staged, error) &&
-            lay_out_dev(staging, staged, error);
+            load_sequences(staging, staged, error) && lay_out_proc(staged, error) &&
+            lay_out_sys(staged, error) && lay_out_dev(staging, staged, error);
   if (!ok) {
     leave();
     return false;
   }
-  set_environment(staged);
-  setenv("ZEV_MACHINE", machine_dir.filename().c_str(), 1);
+  if (!set_environment(machine_dir.filename().string(), staged, error)) {
+    leave();
+    return false;
+  }
   return true;
 }
 
@@ -244,9 +456,26 @@ std::string make_staging_dir(std::string* error) {
   return pattern;
 }
 
+void* no_work(void*) { return nullptr; }
+
+// leave() can only return to the real mount namespace while no other live
+// thread shares the caller's file-system context. Sanitizer runtimes start a
+// helper thread together with the process's first thread and keep it; one
+// started inside a machine would pin the process there. Starting (and
+// joining) a thread before the first machine lets that helper begin with the
+// real view, which the unshare then leaves behind.
+void settle_runtime_threads() {
+  static bool settled = false;
+  if (settled) return;
+  pthread_t thread;
+  if (pthread_create(&thread, nullptr, no_work, nullptr) == 0) pthread_join(thread, nullptr);
+  settled = true;
+}
+
 }  // namespace
 
 bool enter(const std::string& dir, std::string* error) {
+  settle_runtime_threads();
   const std::string staging = make_staging_dir(error);
   if (staging.empty()) return false;
   if (!enter_at(dir, staging, error)) {
@@ -258,6 +487,7 @@ bool enter(const std::string& dir, std::string* error) {
 
 void leave() {
   if (!g_state.inside) return;
+  stop_follower();
   if (setns(g_state.original_ns, CLONE_NEWNS) != 0) {
     // Staying in the fake machine would make every later result wrong.
     std::fprintf(stderr, "machine: cannot return to the real mount namespace: %s\n",
@@ -266,18 +496,51 @@ void leave() {
   }
   close(g_state.original_ns);
   g_state.original_ns = -1;
-  if (!g_state.saved_path.empty()) setenv("PATH", g_state.saved_path.c_str(), 1);
-  if (g_state.had_ld_path) {
-    setenv("LD_LIBRARY_PATH", g_state.saved_ld_path.c_str(), 1);
-  } else {
-    unsetenv("LD_LIBRARY_PATH");
-  }
-  unsetenv("ZEV_MACHINE");
+  restore_environment();
   rmdir(g_state.staging.c_str());
   g_state = State();
 }
 
 std::string staged_root() { return g_state.inside ? g_state.staging + "/machine" : ""; }
+
+bool step_sequences() {
+  if (!g_state.inside || g_state.sequences.empty()) return false;
+  bool ok = true;
+  for (Sequence& sequence : g_state.sequences) ok = advance(&sequence) && ok;
+  return ok;
+}
+
+bool follow_reads(std::string* error) {
+  if (!g_state.inside) return fail(error, "not inside a machine");
+  if (g_state.sequences.empty() || g_state.follower > 0) return true;
+  int ready[2];
+  if (pipe2(ready, O_CLOEXEC) != 0) return fail(error, errno_text("pipe"));
+  const pid_t parent = getpid();
+  const pid_t pid = fork();
+  if (pid == 0) {
+    // Ends with the process that started it, whatever way that one ends.
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() != parent) _exit(0);
+    close(ready[0]);
+    follow(ready[1]);
+  }
+  close(ready[1]);
+  if (pid < 0) {
+    close(ready[0]);
+    return fail(error, errno_text("fork"));
+  }
+  g_state.follower = pid;
+  char answer = 0;
+  ssize_t n;
+  while ((n = read(ready[0], &answer, 1)) < 0 && errno == EINTR) {
+  }
+  close(ready[0]);
+  if (n != 1) {
+    stop_follower();
+    return fail(error, "the helper that follows reads of sequenced files did not start");
+  }
+  return true;
+}
 
 namespace {
 
@@ -328,7 +591,7 @@ RunResult run(const std::string& dir, const std::vector<std::string>& argv, bool
     }
     close(status_pipe[0]);
     std::string error;
-    if (!enter_at(dir, staging, &error)) {
+    if (!enter_at(dir, staging, &error) || !follow_reads(&error)) {
       ssize_t ignored = write(status_pipe[1], error.data(), error.size());
       (void)ignored;
       _exit(125);

@@ -11,6 +11,34 @@
 //   bin/    tools, first on PATH; known GPU tools it lacks answer
 //           "command not found" instead of reaching the real ones
 //   lib/    libraries, first on LD_LIBRARY_PATH
+//   sequences  values that some sys/ files take one after the other (below)
+//   machine.env  variables for the programs run inside, one NAME=value a
+//           line ('#' starts a comment); "$MACHINE" in a value stands for
+//           the machine's private copy (e.g. LD_PRELOAD=$MACHINE/lib/x.so)
+//
+// Sequenced files. A machine whose values must change while it runs lists
+// them in a text file named "sequences" at the top of its folder, one file a
+// line: its path inside the machine folder (under sys/), then its values in
+// order, separated by blanks; '#' starts a comment line:
+//
+//   sys/devices/pci0000:00/0000:00:01.1/.../hwmon/hwmon3/temp1_input  52000 57000 61000
+//
+// Each value is written as one line (the value and a newline); "<empty>"
+// stands for an empty file and "<absent>" for no file at all. The file holds
+// the first value once the machine is entered; after the last value the
+// series starts again from the first. Values move on in one of two ways:
+//   - step_sequences(): every sequenced file takes its next value at once
+//     (deterministic; for a test that drives the machine itself);
+//   - follow_reads(): a helper process inside the machine watches the
+//     sequenced files being read; once reads pause for 50 ms, every file
+//     read since the last pause takes its next value. A burst of reads, such
+//     as one refresh of a monitor (or its first scan, which may read a file
+//     twice), thus moves each file it read on by one. An "<absent>" value
+//     lasts until a burst of reads of the other files has ended. run() does
+//     this for every program it starts, so `gpumon --machine DIR --watch 0.2`
+//     sees new values from one refresh to the next.
+// A file is replaced whole (written aside, then renamed over), so a reader
+// sees the old or the new value, never a mix.
 //
 // Nothing is ever written to the real /proc, /sys or /dev: every mount is
 // made in a private namespace (its propagation cut first), the machine's
@@ -39,6 +67,17 @@ void leave();
 // that changes a sensor value between two reads; "" outside.
 std::string staged_root();
 
+// Moves every sequenced file of the machine entered with enter() to its next
+// value. False when outside a machine, when it has no sequences, or when a
+// file could not be written.
+bool step_sequences();
+
+// Starts the helper that advances each sequenced file after every completed
+// read (see above); it lives until leave(), or until the process that started
+// it ends. True at once when the machine has no sequences or the helper
+// already runs.
+bool follow_reads(std::string* error);
+
 struct RunResult {
   int exit_code = -1;  // 128 + signal when killed by a signal
   std::string out;     // captured standard output (when capture is set)
@@ -47,8 +86,9 @@ struct RunResult {
 };
 
 // Runs argv inside the machine in a child process, with the machine's
-// libraries on the loader's path from the start. With capture, standard
-// output and error are collected; otherwise they are inherited.
+// libraries on the loader's path from the start and its sequenced files
+// following reads. With capture, standard output and error are collected;
+// otherwise they are inherited.
 RunResult run(const std::string& dir, const std::vector<std::string>& argv, bool capture);
 
 }  // namespace machine

@@ -1,5 +1,206 @@
-// DRM discovery. The sysfs scan is not part of this build yet, so it reports
-// that it found no GPU.
+// DRM discovery: the adapters the kernel exposes as /sys/class/drm/cardN.
+// Every card that answers the vendor probe (and is not an NVIDIA card that
+// nvidia-smi already monitors) becomes a GPU record holding its PCI identity,
+// its hwmon driver name and a first reading of every sensor it offers, named
+// from the GPU database. The indices kept in the record (card, hwmon,
+// temperature and power input) are what the sensor dispatch reads later.
+#include <cstdio>
+#include <cstring>
+
 #include "plugin/gpu_monitor_vorn.h"
 
-bool GpuMonitorVorn::linux_drm_init_gpus() { return false; }
+namespace {
+
+// Scan limits: card0..card7 and hwmon0..hwmon7 are tried; sensor numbers
+// 1..7 are tried for temp, power and fan inputs (0 never is).
+constexpr int kMaxCards = 8;
+constexpr int kMaxHwmons = 8;
+constexpr int kMaxSensors = 8;
+
+constexpr unsigned long kVendorNvidia = 0x10DE;
+
+unsigned int hex32(unsigned long v) { return static_cast<unsigned int>(v); }
+
+// Steps that need the card's hwmon directory: driver name, clocks, core
+// temperature, power and fans.
+void read_hwmon_sensors(GpuMonitorVorn* monitor, zev::GPU* gpu, int card, int hwmon) {
+  char text[128];
+  std::memset(text, 0, sizeof text);
+  if (monitor->linux_drm_read_driver_name(card, hwmon, text)) {
+    copy_text(gpu->driver_name, sizeof gpu->driver_name, text);
+    monitor->tracef("  - driver: %s", gpu->driver_name);
+  }
+
+  int mhz = 0;
+  if (monitor->linux_drm_read_gpu_core_clock(card, hwmon, &mhz)) {
+    gpu->core_clock.current = static_cast<float>(mhz);
+    monitor->tracef("  - core clock: %d MHz", mhz);
+  }
+  if (monitor->linux_drm_read_vram_clock(card, hwmon, &mhz)) {
+    gpu->memory_clock.current = static_cast<float>(mhz);
+    monitor->tracef("  - mem clock: %d MHz", mhz);
+  }
+
+  // The first temperature input that reads is the core temperature.
+  for (int s = 1; s < kMaxSensors; ++s) {
+    int celsius = 0;
+    if (!monitor->linux_drm_read_gpu_temperature(card, hwmon, s, &celsius)) continue;
+    gpu->drm_temp_input_index = s;
+    gpu->temperatures[0].current = static_cast<float>(celsius);
+    gpu->temperatures[0].update_min_max();
+    monitor->tracef("  - core temperature: %d °C", celsius);
+    gpu->sensor_available[0] = 1;
+    gpu->monitorable = true;
+    break;
+  }
+
+  // The first power input that reads. The reading is in whole watts; the
+  // 0.001 factor of `current` is the one the power dispatch applies too.
+  for (int s = 1; s < kMaxSensors; ++s) {
+    int watts = 0;
+    if (!monitor->linux_drm_read_gpu_power(card, hwmon, s, &watts)) continue;
+    gpu->drm_power_index = s;
+    gpu->power.watts = static_cast<float>(watts);
+    gpu->power.current = 0.001f * static_cast<float>(watts);
+    monitor->tracef("  - power: %d W", watts);
+    break;
+  }
+
+  // Fans: the number of fan inputs that read, then fans 1..n by position.
+  unsigned long num_fans = 0;
+  for (int s = 1; s < kMaxSensors; ++s) {
+    int rpm = 0;
+    if (monitor->linux_drm_read_gpu_fan_speed(card, hwmon, s, &rpm)) ++num_fans;
+  }
+  if (num_fans != 0) {
+    monitor->tracef("  - num fans: %d", static_cast<int>(num_fans));
+    gpu->num_fans = num_fans;
+    gpu->fans = new zev::gpuFanSpeed[num_fans];
+    for (unsigned long j = 0; j < num_fans; ++j) {
+      int rpm = 0;
+      if (!monitor->linux_drm_read_gpu_fan_speed(card, hwmon, j + 1, &rpm)) continue;
+      gpu->fans[j].speed_percent = -1.0f;
+      gpu->fans[j].rpm = static_cast<float>(rpm);
+      monitor->tracef("    > fan[%d] speed: %d RPM", static_cast<int>(j + 1), rpm);
+    }
+  }
+}
+
+// Name, codename, unit counts and TDP from the GPU database. AMD rows may
+// depend on the revision text; the other vendors' lookups ignore it.
+void name_from_database(GpuMonitorVorn* monitor, zev::GPU* gpu, const char* revision_text) {
+  const int index =
+      static_cast<int>(monitor->gpu_db_get_index_v2(gpu->vendor_id, gpu->device_id, revision_text));
+  if (index < 0) return;
+  const char* name = monitor->gpu_db_get_adapter_name(gpu->vendor_id, index);
+  if (name != nullptr && name[0] != '\0') {
+    std::memset(gpu->name, 0, sizeof gpu->name);
+    copy_text(gpu->name, sizeof gpu->name, name);
+  }
+  const char* codename = monitor->gpu_db_get_gpu_codename(gpu->vendor_id, index);
+  if (codename != nullptr && codename[0] != '\0') {
+    std::memset(gpu->codename, 0, sizeof gpu->codename);
+    copy_text(gpu->codename, sizeof gpu->codename, codename);
+  }
+  // Stored as the database holds them; -1 there means unknown.
+  gpu->num_shader_cores = static_cast<uint32_t>(
+      monitor->gpu_db_get_num_unified_shader_processors(gpu->vendor_id, index));
+  gpu->num_texture_units =
+      static_cast<uint32_t>(monitor->gpu_db_get_num_texture_units(gpu->vendor_id, index));
+  gpu->num_rops = static_cast<uint32_t>(monitor->gpu_db_get_num_rops(gpu->vendor_id, index));
+  gpu->tdp_w = static_cast<uint32_t>(monitor->gpu_db_get_tdp(gpu->vendor_id, index));
+}
+
+}  // namespace
+
+bool GpuMonitorVorn::linux_drm_init_gpus() {
+  tracef("DRM: scanning GPUs...");
+  int num_created = 0;
+  int num_nvidia_seen = 0;
+
+  // Card numbers are never renumbered: a gap (no card0, simpledrm gone, a
+  // removed card) leaves the later cards at their own numbers.
+  for (int c = 0; c < kMaxCards; ++c) {
+    if (!linux_drm_gpu_probe(c)) continue;
+
+    unsigned long vendor = 0;
+    if (linux_drm_read_vendor_id(c, &vendor) && vendor == kVendorNvidia) {
+      ++num_nvidia_seen;
+      // Already monitored through nvidia-smi.
+      if (num_nv_smi_detected != 0) continue;
+    }
+
+    ++num_created;
+    zev::GPU* gpu = create_gpu();
+    tracef("> GPU %d", c);
+
+    int found_hwmon = -1;
+    int h = 0;
+    for (; h < kMaxHwmons; ++h) {
+      if (linux_drm_gpu_probe_hwmon(c, h)) {
+        found_hwmon = h;
+        tracef("  - hwmon index: %d", h);
+        break;
+      }
+    }
+    // Without a hwmon directory the loop ran to its limit and the record
+    // keeps 8: reads of hwmon8 simply fail later.
+    gpu->drm_card_index = c;
+    gpu->drm_hwmon_index = h;
+
+    gpu->vendor_id = vendor;
+    unsigned long device = 0;
+    if (linux_drm_read_device_id(c, &device)) gpu->device_id = device;
+    tracef("  - device ID: %4X-%4X", hex32(vendor), hex32(device));
+
+    // The revision text has two upper-case digits; a revision below 0x10
+    // gets a leading blank, which no two-digit database revision matches.
+    char revision_text[4];
+    std::memset(revision_text, 0, sizeof revision_text);
+    unsigned long revision = 0;
+    if (linux_drm_read_revision_id(c, &revision)) {
+      gpu->revision_id = revision;
+      tracef("  - revision ID: %2X", hex32(revision));
+      const int n = std::snprintf(revision_text, sizeof revision_text, "%2X", hex32(revision));
+      (void)n;
+    }
+
+    unsigned long subvendor = 0;
+    unsigned long subdevice = 0;
+    if (linux_drm_read_subvendor_id(c, &subvendor)) gpu->subvendor_id = subvendor;
+    if (linux_drm_read_subdevice_id(c, &subdevice)) gpu->subdevice_id = subdevice;
+    tracef("  - subdevice ID: %4X-%4X", hex32(subvendor), hex32(subdevice));
+
+    char vbios[128];
+    std::memset(vbios, 0, sizeof vbios);
+    if (linux_drm_read_vbios(c, vbios)) {
+      copy_text(gpu->vbios_version, sizeof gpu->vbios_version, vbios);
+      tracef("  - VBIOS: %s", gpu->vbios_version);
+    }
+
+    int usage = 0;
+    if (linux_drm_read_gpu_usage(c, &usage)) {
+      gpu->core_usage[0] = static_cast<float>(usage);
+      tracef("  - core usage: %d %%", usage);
+      gpu->sensor_available[2] = 1;
+      gpu->monitorable = true;
+    }
+
+    if (found_hwmon >= 0) read_hwmon_sensors(this, gpu, c, found_hwmon);
+
+    name_from_database(this, gpu, revision_text);
+
+    if (gpu->monitorable) ++num_monitorable_gpus;
+  }
+
+  if (num_created == 0) {
+    if (num_nvidia_seen == 0) {
+      tracef("DRM: no GPU found.");
+    } else {
+      tracef("DRM: no GPU other than NVIDIA found.");
+    }
+    return false;
+  }
+  num_gpus_drm = static_cast<uint64_t>(num_created);
+  return true;
+}

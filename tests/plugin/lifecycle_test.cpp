@@ -91,6 +91,8 @@ TEST_F(Lifecycle, InitializeTracesTheMachineAndIsIdempotent) {
       "Linux x86_64 - CPU name: AMD Ryzen 7 7700X 8-Core Processor, CPU speed: 4491MHz, RAM: "
       "15932MB",
       "Operating system detected: Linux 6.1.0-26-amd64 64-bit",
+      "DRM: scanning GPUs...",
+      "DRM: no GPU found.",
       "Num GPUs detected: 0",
   };
   EXPECT_EQ(traces_.texts(), expected);

@@ -1,0 +1,36 @@
+// Small helpers shared by the DRM readers: every sysfs value is read by
+// building its path, opening the file, reading its first line into a cleared
+// fixed buffer and closing the file again. Nothing is kept between calls.
+#pragma once
+
+namespace drm_sysfs {
+
+// Paths are built in a cleared buffer of this size.
+constexpr int kPathSize = 128;
+// First lines of value files are read into a cleared buffer of this size.
+constexpr int kLineSize = 256;
+// The hwmon "name" file and the vendor probe read at most 127 characters.
+constexpr int kShortLineSize = 128;
+
+// Card, hwmon and sensor numbers are printed as decimal ints, so a number
+// that does not fit an int prints as whatever the conversion gives.
+inline int as_path_number(unsigned long n) { return static_cast<int>(n); }
+
+// Builds a path into a cleared buffer of kPathSize bytes.
+void format_path(char* path, const char* format, ...) __attribute__((format(printf, 2, 3)));
+
+// Opens `path` for reading and reads its first line (at most size - 1
+// characters) into `line`, which is cleared first. False when the file does
+// not open or when nothing could be read. The file is always closed.
+bool read_first_line(const char* path, char* line, int size);
+
+// The decimal number a line starts with (leading blanks skipped, 0 when
+// there is none), divided by `divisor` with truncation toward zero and kept
+// within the range of an int. Values are read as 64-bit numbers: clocks in Hz
+// pass 2^31 on current boards (2.5 GHz is 2500000000).
+int scaled_decimal(const char* line, long long divisor);
+
+// Removes one trailing newline.
+void cut_newline(char* line);
+
+}  // namespace drm_sysfs

@@ -1,0 +1,254 @@
+// Sensor dispatch: one sensor of one GPU routed to the back-end readers that
+// know the record. Sources are tried in a fixed order, each only when the
+// record's back-end fields allow it, and a later source that succeeds
+// overwrites what an earlier one stored:
+//   1. nvidia-smi, when nvidia_gpu_index is 0 or more;
+//   2. DRM, when the DRM indices the sensor needs are all 0 or more;
+//   3. Raspberry Pi, when the vendor is Broadcom.
+// Integer readings become floats; every new current value of a triple
+// (usage, clock, temperature) folds into its running minimum and maximum.
+//
+// The update thread runs these while the host reads the same records; the
+// stores below are single 32-bit writes and no lock is taken, by design.
+#include "plugin/gpu_monitor_vorn.h"
+
+// Out of line and out of interprocedural optimisation: the access below is
+// made by this very function, never moved into its caller.
+#if defined(__clang__)
+#define ZEV_OUT_OF_LINE __attribute__((noinline))
+#else
+#define ZEV_OUT_OF_LINE __attribute__((noipa))
+#endif
+
+namespace {
+
+constexpr uint64_t kVendorBroadcom = 0x14E4;
+
+bool nv_smi_source(const zev::GPU* gpu) { return gpu->nvidia_gpu_index >= 0; }
+bool drm_card_source(const zev::GPU* gpu) { return gpu->drm_card_index >= 0; }
+bool drm_hwmon_source(const zev::GPU* gpu) {
+  return gpu->drm_card_index >= 0 && gpu->drm_hwmon_index >= 0;
+}
+bool rpi_source(const zev::GPU* gpu) { return gpu->vendor_id == kVendorBroadcom; }
+
+// -1.0 is the "not read yet" sentinel of minimum and maximum.
+void fold_min_max(float value, float* min, float* max) {
+  if (*min == -1.0f || *min > value) *min = value;
+  if (*max == -1.0f || *max < value) *max = value;
+}
+
+// The stores the update thread shares with the host's readers. They are
+// kept out of line so that race reports (and their suppressions) can name
+// exactly these writes.
+ZEV_OUT_OF_LINE void store_usage_reading(float* triple, float value) {
+  triple[0] = value;
+  fold_min_max(value, &triple[1], &triple[2]);
+}
+
+ZEV_OUT_OF_LINE void store_clock_reading(zev::gpuClock* clock, float value) {
+  clock->current = value;
+  fold_min_max(value, &clock->min, &clock->max);
+}
+
+ZEV_OUT_OF_LINE void store_temperature_reading(zev::gpuTemperature* temperature, float value) {
+  temperature->current = value;
+  temperature->update_min_max();
+}
+
+// Both nvidia-smi and DRM deliver whole watts: `watts` keeps them and
+// `current` the reading times 0.001 (the NVML path keeps milliwatts there).
+ZEV_OUT_OF_LINE float store_power_reading(zev::gpuPower* power, int reading) {
+  power->watts = static_cast<float>(reading);
+  power->current = 0.001f * static_cast<float>(reading);
+  return power->current;
+}
+
+ZEV_OUT_OF_LINE void store_fan_reading(zev::gpuFanSpeed* fan, int rpm) {
+  fan->speed_percent = -1.0f;
+  fan->rpm = static_cast<float>(rpm);
+}
+
+}  // namespace
+
+bool GpuMonitorVorn::gpu_get_clocks(unsigned long index, float* core_mhz, float* memory_mhz) {
+  zev::GPU* gpu = get_gpu(index);
+  if (gpu == nullptr) return false;
+  bool read = false;
+
+  auto store = [&](int mhz, zev::gpuClock* clock, float* out) {
+    store_clock_reading(clock, static_cast<float>(mhz));
+    if (out != nullptr) *out = clock->current;
+    read = true;
+  };
+
+  if (nv_smi_source(gpu)) {
+    int mhz = 0;
+    if (linux_nv_smi_read_gpu_core_clock(gpu->nvidia_gpu_index, &mhz)) {
+      store(mhz, &gpu->core_clock, core_mhz);
+    }
+    if (linux_nv_smi_read_vram_clock(gpu->nvidia_gpu_index, &mhz)) {
+      store(mhz, &gpu->memory_clock, memory_mhz);
+    }
+  }
+  if (drm_hwmon_source(gpu)) {
+    int mhz = 0;
+    if (linux_drm_read_gpu_core_clock(gpu->drm_card_index, gpu->drm_hwmon_index, &mhz)) {
+      store(mhz, &gpu->core_clock, core_mhz);
+    }
+    if (linux_drm_read_vram_clock(gpu->drm_card_index, gpu->drm_hwmon_index, &mhz)) {
+      store(mhz, &gpu->memory_clock, memory_mhz);
+    }
+  }
+  if (rpi_source(gpu)) {
+    float mhz = -1.0f;
+    if (linux_arm64_rpi_read_gpu_core_clock(&mhz)) {
+      store_clock_reading(&gpu->core_clock, mhz);
+      if (core_mhz != nullptr) *core_mhz = gpu->core_clock.current;
+      read = true;
+    }
+  }
+  return read;
+}
+
+bool GpuMonitorVorn::gpu_get_usages(unsigned long index, float* core_percent, float* memory_percent,
+                                    float*, float*) {
+  zev::GPU* gpu = get_gpu(index);
+  if (gpu == nullptr) return false;
+  bool read = false;
+
+  auto store = [&](float percent, float* triple, float* out) {
+    store_usage_reading(triple, percent);
+    if (out != nullptr) *out = percent;
+    read = true;
+  };
+
+  if (nv_smi_source(gpu)) {
+    int percent = 0;
+    if (linux_nv_smi_read_gpu_usage(gpu->nvidia_gpu_index, &percent)) {
+      store(static_cast<float>(percent), gpu->core_usage, core_percent);
+    }
+    if (linux_nv_smi_read_vram_usage(gpu->nvidia_gpu_index, &percent)) {
+      store(static_cast<float>(percent), gpu->memory_usage, memory_percent);
+    }
+  }
+  // GPU busy percent belongs to the card itself: no hwmon needed.
+  if (drm_card_source(gpu)) {
+    int percent = 0;
+    if (linux_drm_read_gpu_usage(gpu->drm_card_index, &percent)) {
+      store(static_cast<float>(percent), gpu->core_usage, core_percent);
+    }
+  }
+  if (rpi_source(gpu)) {
+    float percent = -1.0f;
+    if (linux_arm64_rpi_read_gpu_usage_v2(gpu, &percent)) {
+      gpu->rpi_usage_method = 2;
+      store(percent, gpu->core_usage, core_percent);
+    } else if (linux_arm64_rpi_read_gpu_usage_v1(gpu, &percent)) {
+      gpu->rpi_usage_method = 1;
+      store(percent, gpu->core_usage, core_percent);
+    }
+  }
+  return read;
+}
+
+bool GpuMonitorVorn::gpu_get_temperatures(unsigned long index, float* core_c, float* memory_c,
+                                          float*, float*) {
+  zev::GPU* gpu = get_gpu(index);
+  if (gpu == nullptr) return false;
+  bool read = false;
+
+  auto store = [&](float celsius, zev::gpuTemperature* temperature, float* out) {
+    store_temperature_reading(temperature, celsius);
+    if (out != nullptr) *out = celsius;
+    read = true;
+  };
+
+  if (nv_smi_source(gpu)) {
+    int celsius = 0;
+    if (linux_nv_smi_read_gpu_temperature(gpu->nvidia_gpu_index, &celsius)) {
+      store(static_cast<float>(celsius), &gpu->temperatures[0], core_c);
+    }
+    if (linux_nv_smi_read_vram_temperature(gpu->nvidia_gpu_index, &celsius)) {
+      store(static_cast<float>(celsius), &gpu->temperatures[2], memory_c);
+    }
+  }
+  if (drm_hwmon_source(gpu) && gpu->drm_temp_input_index >= 0) {
+    int celsius = 0;
+    if (linux_drm_read_gpu_temperature(gpu->drm_card_index, gpu->drm_hwmon_index,
+                                       gpu->drm_temp_input_index, &celsius)) {
+      store(static_cast<float>(celsius), &gpu->temperatures[0], core_c);
+    }
+  }
+  if (rpi_source(gpu)) {
+    float celsius = -1.0f;
+    if (linux_arm64_rpi_read_gpu_core_temp(&celsius)) {
+      store(celsius, &gpu->temperatures[0], core_c);
+    }
+  }
+  return read;
+}
+
+// Power keeps no minimum or maximum; there is no Raspberry Pi source.
+bool GpuMonitorVorn::gpu_power_get_current_value(unsigned long index, float*, float* watts) {
+  zev::GPU* gpu = get_gpu(index);
+  if (gpu == nullptr) return false;
+  bool read = false;
+
+  auto store = [&](int reading) {
+    const float current = store_power_reading(&gpu->power, reading);
+    if (watts != nullptr) *watts = current;
+    read = true;
+  };
+
+  if (nv_smi_source(gpu)) {
+    int reading = 0;
+    if (linux_nv_smi_read_gpu_power(gpu->nvidia_gpu_index, &reading)) store(reading);
+  }
+  if (drm_hwmon_source(gpu) && gpu->drm_power_index >= 0) {
+    int reading = 0;
+    if (linux_drm_read_gpu_power(gpu->drm_card_index, gpu->drm_hwmon_index, gpu->drm_power_index,
+                                 &reading)) {
+      store(reading);
+    }
+  }
+  return read;
+}
+
+bool GpuMonitorVorn::gpu_read_fan_speed(unsigned long index) {
+  zev::GPU* gpu = get_gpu(index);
+  if (gpu == nullptr) return false;
+
+  // nvidia-smi reports one fan; its record is made on first success.
+  if (nv_smi_source(gpu)) {
+    int speed = 0;
+    if (linux_nv_smi_read_gpu_fan_speed(gpu->nvidia_gpu_index, &speed)) {
+      if (gpu->fans == nullptr) {
+        gpu->num_fans = 1;
+        gpu->fans = new zev::gpuFanSpeed[1];
+      }
+      store_fan_reading(&gpu->fans[0], speed);
+      return true;
+    }
+  }
+
+  // DRM fans were counted and allocated by the scan; fan i is hwmon fan
+  // i + 1. A fan that fails keeps its last values.
+  if (!drm_hwmon_source(gpu) || gpu->num_fans == 0 || gpu->fans == nullptr) return false;
+  for (unsigned long i = 0; i < gpu->num_fans; ++i) {
+    int rpm = 0;
+    if (linux_drm_read_gpu_fan_speed(gpu->drm_card_index, gpu->drm_hwmon_index, i + 1, &rpm)) {
+      store_fan_reading(&gpu->fans[i], rpm);
+    }
+  }
+  return true;
+}
+
+// Reads the stored values only.
+bool GpuMonitorVorn::gpu_get_fan_speed(unsigned long index, unsigned long fan, float* percent,
+                                       float* rpm) {
+  zev::GPU* gpu = get_gpu(index);
+  if (gpu == nullptr || fan >= gpu->num_fans || gpu->fans == nullptr) return false;
+  if (percent != nullptr) *percent = gpu->fans[fan].speed_percent;
+  if (rpm != nullptr) *rpm = gpu->fans[fan].rpm;
+  return true;
+}
