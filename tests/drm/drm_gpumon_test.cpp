@@ -21,7 +21,7 @@ const char kRdna3[] = "amd-rdna3-rx7900xtx";
 // The values `sequences` gives the RX 7900 XTX machine, in order.
 const std::vector<double> kTemperatures = {52, 54, 57, 61, 64, 66, 63, 59};
 const std::vector<double> kUsages = {7, 35, 68, 99, 100, 97, 74, 40};
-const std::vector<double> kCoreClocks = {1850, 1925, 2010, 2105, 2140, 2080, 1700, 1200};
+const std::vector<double> kCoreClocks = {1850, 1925, 2010, 2105, 2482, 2430, 1700, 1200};
 const std::vector<double> kWatts = {86, 142, 265, 339, 331, 310, 220, 120};
 
 std::vector<std::string> lines_of(const std::string& text) {
