@@ -212,6 +212,26 @@ class GpuMonitorVorn : public zev::GpuMonitor {
   bool linux_nv_smi_read_vram_temperature(unsigned long index, int* celsius);
   bool linux_nv_smi_read_gpu_power(unsigned long index, int* watts);
   bool linux_nv_smi_read_gpu_fan_speed(unsigned long index, int* speed);
+  bool linux_nv_smi_read_num_gpus(unsigned long* count);
+  bool linux_nv_smi_read_gpu_name(unsigned long index, char* name);
+  bool linux_nv_smi_read_driver_version(unsigned long index, char* version);
+  bool linux_nv_smi_read_vbios_version(unsigned long index, char* version);
+  bool linux_nv_smi_read_gpu_pci_device_id(unsigned long index, unsigned long* vendor,
+                                           unsigned long* device);
+  bool linux_nv_smi_read_gpu_pci_subdevice_id(unsigned long index, unsigned long* subvendor,
+                                              unsigned long* subdevice);
+  bool linux_nv_smi_read_gpu_pci_bus_id(unsigned long index, unsigned long* bus);
+  bool linux_nv_smi_read_gpu_vram_size(unsigned long index, int* mb);
+  bool linux_nv_smi_read_gpu_vram_used(unsigned long index, int* mb);
+  // ROP count from the kernel driver: 0 with *rops set, or the negative code
+  // of the step that failed (-1 to -6), *rops untouched.
+  int linux_nv_read_rop_counter(unsigned long gpu_index, int* rops);
+  // nvidia-settings readers; nothing in discovery or refresh calls them.
+  bool linux_nvidia_get_driver_version(unsigned long index, float* version);
+  bool linux_nvidia_gpu_get_core_temp(unsigned long index, float* celsius);
+  bool linux_nvidia_gpu_get_fan_speed(unsigned long index, float* percent);
+  bool linux_nvidia_gpu_get_usages(unsigned long index, float* gpu_usage, float* memory_usage);
+  bool linux_nvidia_is_sensor_available(unsigned long index, const char* name);
 
   // DRM back-end (backends/drm/).
   bool linux_drm_init_gpus();

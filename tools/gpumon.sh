@@ -5,5 +5,6 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 ./tools/install-deps.sh
 cmake -S . -B build -G Ninja >/dev/null
-cmake --build build -j"$(nproc)" --target gpumon >/dev/null
+# The fakes and the NVIDIA machines assembled with them come with the tests.
+cmake --build build -j"$(nproc)" --target gpumon zev_test_fakes >/dev/null
 exec ./build/bin/gpumon "$@"

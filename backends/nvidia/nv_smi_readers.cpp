@@ -1,12 +1,179 @@
-// nvidia-smi sensor readers. The nvidia-smi back-end is not part of this
-// build yet: every reader reports that it read nothing.
+// nvidia-smi readers: one nvidia-smi process per value, through popen, each
+// answering one line of CSV. The command lines are fixed; only the GPU index
+// (a number) is put into them.
+//
+// Numeric answers are converted with atoi and not checked further: a
+// bracketed "[N/A]" or "[Not Supported]" reads as 0 and still counts as a
+// reading. Only the memory temperature rejects an answer beginning with N
+// (the "N/A" that boards without a memory sensor print).
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
 #include "plugin/gpu_monitor_vorn.h"
 
-bool GpuMonitorVorn::linux_nv_smi_read_gpu_core_clock(unsigned long, int*) { return false; }
-bool GpuMonitorVorn::linux_nv_smi_read_vram_clock(unsigned long, int*) { return false; }
-bool GpuMonitorVorn::linux_nv_smi_read_gpu_usage(unsigned long, int*) { return false; }
-bool GpuMonitorVorn::linux_nv_smi_read_vram_usage(unsigned long, int*) { return false; }
-bool GpuMonitorVorn::linux_nv_smi_read_gpu_temperature(unsigned long, int*) { return false; }
-bool GpuMonitorVorn::linux_nv_smi_read_vram_temperature(unsigned long, int*) { return false; }
-bool GpuMonitorVorn::linux_nv_smi_read_gpu_power(unsigned long, int*) { return false; }
-bool GpuMonitorVorn::linux_nv_smi_read_gpu_fan_speed(unsigned long, int*) { return false; }
+namespace {
+
+enum class Answer { kNoProcess, kNoLine, kLine };
+
+// Runs `command` and reads the first line of its output (at most 127
+// characters) into `line`, a zeroed 128-byte buffer. The pipe is always
+// closed again.
+Answer run_query(const char* command, char (&line)[128]) {
+  std::memset(line, 0, sizeof line);
+  FILE* pipe = popen(command, "r");
+  if (pipe == nullptr) return Answer::kNoProcess;
+  const bool got_line = std::fgets(line, sizeof line, pipe) != nullptr;
+  pclose(pipe);
+  return got_line ? Answer::kLine : Answer::kNoLine;
+}
+
+// Formats one per-GPU query into a zeroed 128-byte command buffer.
+void format_query(char (&command)[128], unsigned long index, const char* field,
+                  const char* format) {
+  std::memset(command, 0, sizeof command);
+  std::snprintf(command, sizeof command, "nvidia-smi --id=%d --query-gpu=%s --format=%s",
+                static_cast<int>(index), field, format);
+}
+
+constexpr const char* kCsv = "csv,noheader";
+constexpr const char* kCsvNoUnits = "csv,noheader,nounits";
+
+// A text answer without its trailing newline; an empty answer is no answer.
+bool read_text(unsigned long index, const char* field, char* out) {
+  if (out == nullptr) return false;
+  char command[128];
+  format_query(command, index, field, kCsv);
+  char line[128];
+  if (run_query(command, line) != Answer::kLine) return false;
+  const size_t length = std::strlen(line);
+  if (length > 0 && line[length - 1] == '\n') line[length - 1] = '\0';
+  if (line[0] == '\0') return false;
+  copy_text(out, 128, line);
+  return true;
+}
+
+// A number without units, read with atoi.
+bool read_number(unsigned long index, const char* field, int* out) {
+  if (out == nullptr) return false;
+  char command[128];
+  format_query(command, index, field, kCsvNoUnits);
+  char line[128];
+  if (run_query(command, line) != Answer::kLine) return false;
+  *out = std::atoi(line);
+  return true;
+}
+
+}  // namespace
+
+bool GpuMonitorVorn::linux_nv_smi_read_num_gpus(unsigned long* count) {
+  if (count == nullptr) return false;
+  char command[128];
+  std::memset(command, 0, sizeof command);
+  std::snprintf(command, sizeof command, "nvidia-smi --query-gpu=count --format=csv,noheader");
+  char line[128];
+  const Answer answer = run_query(command, line);
+  if (answer == Answer::kNoProcess) return false;
+  // nvidia-smi prints the total once per GPU; the first line is enough. No
+  // line at all (no nvidia-smi on the machine) is a count of 0.
+  *count = answer == Answer::kLine ? static_cast<unsigned long>(std::atoi(line)) : 0;
+  return true;
+}
+
+bool GpuMonitorVorn::linux_nv_smi_read_gpu_name(unsigned long index, char* name) {
+  return read_text(index, "name", name);
+}
+
+bool GpuMonitorVorn::linux_nv_smi_read_driver_version(unsigned long index, char* version) {
+  return read_text(index, "driver_version", version);
+}
+
+bool GpuMonitorVorn::linux_nv_smi_read_vbios_version(unsigned long index, char* version) {
+  return read_text(index, "vbios_version", version);
+}
+
+// "0x" and eight hex digits: the device (or sub-device) first, the vendor
+// (or sub-vendor) last, as in 0x268410DE.
+bool GpuMonitorVorn::linux_nv_smi_read_gpu_pci_device_id(unsigned long index,
+                                                         unsigned long* vendor,
+                                                         unsigned long* device) {
+  if (vendor == nullptr && device == nullptr) return false;
+  char command[128];
+  format_query(command, index, "pci.device_id", kCsv);
+  char line[128];
+  if (run_query(command, line) != Answer::kLine || std::strlen(line) <= 9) return false;
+  if (vendor != nullptr) *vendor = str_to_hex(line[6], line[7], line[8], line[9]);
+  if (device != nullptr) *device = str_to_hex(line[2], line[3], line[4], line[5]);
+  return true;
+}
+
+bool GpuMonitorVorn::linux_nv_smi_read_gpu_pci_subdevice_id(unsigned long index,
+                                                            unsigned long* subvendor,
+                                                            unsigned long* subdevice) {
+  if (subvendor == nullptr && subdevice == nullptr) return false;
+  char command[128];
+  format_query(command, index, "pci.sub_device_id", kCsv);
+  char line[128];
+  if (run_query(command, line) != Answer::kLine || std::strlen(line) <= 9) return false;
+  if (subvendor != nullptr) *subvendor = str_to_hex(line[6], line[7], line[8], line[9]);
+  if (subdevice != nullptr) *subdevice = str_to_hex(line[2], line[3], line[4], line[5]);
+  return true;
+}
+
+// "0x" and two hex digits, as in 0x07.
+bool GpuMonitorVorn::linux_nv_smi_read_gpu_pci_bus_id(unsigned long index, unsigned long* bus) {
+  if (bus == nullptr) return false;
+  char command[128];
+  format_query(command, index, "pci.bus", kCsv);
+  char line[128];
+  if (run_query(command, line) != Answer::kLine || std::strlen(line) <= 3) return false;
+  *bus = str_to_hex2(line[2], line[3]);
+  return true;
+}
+
+bool GpuMonitorVorn::linux_nv_smi_read_gpu_fan_speed(unsigned long index, int* speed) {
+  return read_number(index, "fan.speed", speed);
+}
+
+bool GpuMonitorVorn::linux_nv_smi_read_gpu_vram_size(unsigned long index, int* mb) {
+  return read_number(index, "memory.total", mb);
+}
+
+bool GpuMonitorVorn::linux_nv_smi_read_gpu_vram_used(unsigned long index, int* mb) {
+  return read_number(index, "memory.used", mb);
+}
+
+bool GpuMonitorVorn::linux_nv_smi_read_gpu_usage(unsigned long index, int* percent) {
+  return read_number(index, "utilization.gpu", percent);
+}
+
+bool GpuMonitorVorn::linux_nv_smi_read_vram_usage(unsigned long index, int* percent) {
+  return read_number(index, "utilization.memory", percent);
+}
+
+bool GpuMonitorVorn::linux_nv_smi_read_gpu_temperature(unsigned long index, int* celsius) {
+  return read_number(index, "temperature.gpu", celsius);
+}
+
+bool GpuMonitorVorn::linux_nv_smi_read_vram_temperature(unsigned long index, int* celsius) {
+  if (celsius == nullptr) return false;
+  char command[128];
+  format_query(command, index, "temperature.memory", kCsvNoUnits);
+  char line[128];
+  if (run_query(command, line) != Answer::kLine || line[0] == 'N') return false;
+  *celsius = std::atoi(line);
+  return true;
+}
+
+// Whole watts: "215.37" reads as 215.
+bool GpuMonitorVorn::linux_nv_smi_read_gpu_power(unsigned long index, int* watts) {
+  return read_number(index, "power.draw", watts);
+}
+
+bool GpuMonitorVorn::linux_nv_smi_read_gpu_core_clock(unsigned long index, int* mhz) {
+  return read_number(index, "clocks.current.sm", mhz);
+}
+
+bool GpuMonitorVorn::linux_nv_smi_read_vram_clock(unsigned long index, int* mhz) {
+  return read_number(index, "clocks.current.memory", mhz);
+}

@@ -1,8 +1,308 @@
-// NVML discovery. The NVML binding is not part of this build yet: no NVML
-// library is loaded, so discovery finds nothing and init_gpus_linux goes on
-// to the other back-ends.
+// NVML discovery: loads NVIDIA's management library at run time, starts it,
+// and creates one GPU record per device it enumerates, filled with the
+// board's static description (identity, architecture, core counts, limits)
+// and a first reading of every sensor. Afterwards the NVML refresh
+// (nvml_dynamic.cpp) is the only source of fresh data for these records.
+#include <dlfcn.h>
+
+#include <cstring>
+#include <new>
+
+#include "backends/nvidia/nvidia_discovery_common.h"
+#include "backends/nvidia/nvml_binding.h"
 #include "plugin/gpu_monitor_vorn.h"
 
-bool GpuMonitorVorn::nvml_initialize() { return false; }
+namespace {
 
-bool GpuMonitorVorn::nvml_terminate() { return true; }
+// Sensor flags of zev::GPU::sensor_available.
+constexpr int kSensorTemperature = 0;
+constexpr int kSensorUsage = 2;
+constexpr int kSensorFan = 3;
+constexpr int kSensorPower = 4;
+
+// nvml_raw slots.
+constexpr int kRawFanPercent = 0;
+constexpr int kRawPowerMilliwatts = 4;
+
+// NVML architecture numbers 2..10; 0, 1, the unused 11 and 12, and anything
+// newer have no name here.
+const char* architecture_name(nvml::DeviceArchitecture architecture) {
+  switch (architecture) {
+    case 2: return "Kepler";
+    case 3: return "Maxwell";
+    case 4: return "Pascal";
+    case 5: return "Volta";
+    case 6: return "Turing";
+    case 7: return "Ampere";
+    case 8: return "Ada Lovelace";
+    case 9: return "Hopper";
+    case 10: return "Blackwell";
+    default: return "";
+  }
+}
+
+// Identity, units and architecture of one device.
+void read_description(zev::GPU* gpu, nvml::Device device) {
+  const NvmlEntryPoints& api = g_nvml;
+
+  if (api.nvmlDeviceGetArchitecture != nullptr) {
+    nvml::DeviceArchitecture architecture = 0;
+    if (api.nvmlDeviceGetArchitecture(device, &architecture) == nvml::kSuccess) {
+      copy_text(gpu->architecture, sizeof gpu->architecture, architecture_name(architecture));
+    }
+  }
+
+  if (api.nvmlDeviceGetNumGpuCores != nullptr) {
+    unsigned int cores = 0;
+    if (api.nvmlDeviceGetNumGpuCores(device, &cores) == nvml::kSuccess && cores != 0 &&
+        cores != gpu->nvml_num_cores) {
+      gpu->nvml_num_cores = cores;
+      gpu->num_shader_cores = cores;
+    }
+  }
+
+  if (api.nvmlDeviceGetMemoryBusWidth != nullptr) {
+    unsigned int width = 0;
+    if (api.nvmlDeviceGetMemoryBusWidth(device, &width) == nvml::kSuccess && width != 0 &&
+        width != gpu->memory_bus_width) {
+      gpu->memory_bus_width = width;
+    }
+  }
+
+  if (api.nvmlDeviceGetAttributes_v2 != nullptr) {
+    nvml::DeviceAttributes attributes;
+    std::memset(&attributes, 0, sizeof attributes);
+    if (api.nvmlDeviceGetAttributes_v2(device, &attributes) == nvml::kSuccess) {
+      gpu->num_multiprocessors = attributes.multiprocessorCount;
+    }
+  }
+
+  int major = 0;
+  int minor = 0;
+  nvml_call(api.nvmlDeviceGetCudaComputeCapability, device, &major, &minor);
+  gpu->cuda_compute_capability[0] = major;
+  gpu->cuda_compute_capability[1] = minor;
+}
+
+// Core temperature and the three thresholds. The four calls share one
+// output variable: a threshold whose call fails stores whatever the read
+// before it left there.
+void read_temperatures(zev::GPU* gpu, nvml::Device device) {
+  const NvmlEntryPoints& api = g_nvml;
+  unsigned int celsius = 0;
+  if (nvml_call(api.nvmlDeviceGetTemperature, device, nvml::kTemperatureGpu, &celsius) ==
+      nvml::kSuccess) {
+    gpu->sensor_available[kSensorTemperature] = 1;
+    gpu->temperatures[0].current = static_cast<float>(celsius);
+    gpu->temperatures[0].update_min_max();
+  }
+  const nvml::TemperatureThresholds types[3] = {nvml::kThresholdShutdown, nvml::kThresholdSlowdown,
+                                                nvml::kThresholdGpuMax};
+  for (int k = 0; k < 3; ++k) {
+    nvml_call(api.nvmlDeviceGetTemperatureThreshold, device, types[k], &celsius);
+    gpu->temperature_thresholds[k] = static_cast<int32_t>(celsius);
+  }
+}
+
+// Fans: every fan through the per-fan entry points when the library has
+// them, else the single-fan reading.
+void read_fans(zev::GPU* gpu, nvml::Device device) {
+  const NvmlEntryPoints& api = g_nvml;
+
+  if (api.nvmlDeviceGetNumFans != nullptr && api.nvmlDeviceGetFanSpeed_v2 != nullptr) {
+    unsigned int count = 0;
+    api.nvmlDeviceGetNumFans(device, &count);
+    if (count == 0) return;  // a board without fans; the single-fan call is not tried
+
+    zev::gpuFanSpeed* fans = new (std::nothrow) zev::gpuFanSpeed[count];
+    if (fans == nullptr) return;  // a count no board has; nothing to show for it
+    gpu->num_fans = count;
+    gpu->fans = fans;
+
+    // One speed variable for all fans, set once: a fan whose read fails
+    // shows what the fan before it read (or 0xFFFFFFFF for the first).
+    unsigned int percent = 0xFFFFFFFFu;
+    for (unsigned int f = 0; f < count; ++f) {
+      api.nvmlDeviceGetFanSpeed_v2(device, f, &percent);
+      if (f == 0) gpu->nvml_raw[kRawFanPercent] = static_cast<int32_t>(percent);
+      gpu->fans[f].speed_percent = static_cast<float>(percent);
+
+      if (api.nvmlDeviceGetFanSpeedRPM_v2 != nullptr) {
+        nvml::FanSpeedInfo info;
+        info.version = nvml::kFanSpeedInfoVersion;
+        info.fan = f;
+        info.speed = 0;
+        if (api.nvmlDeviceGetFanSpeedRPM_v2(device, &info) == nvml::kSuccess) {
+          gpu->fans[f].rpm = static_cast<float>(info.speed);
+        }
+      }
+    }
+    gpu->sensor_available[kSensorFan] = 1;
+    return;
+  }
+
+  unsigned int percent = 0;
+  if (nvml_call(api.nvmlDeviceGetFanSpeed, device, &percent) != nvml::kSuccess) return;
+  gpu->nvml_raw[kRawFanPercent] = static_cast<int32_t>(percent);
+  if (gpu->fans == nullptr) {
+    gpu->num_fans = 1;
+    gpu->fans = new zev::gpuFanSpeed[1];
+    gpu->fans[0].speed_percent = static_cast<float>(percent);
+    gpu->sensor_available[kSensorFan] = 1;
+  }
+}
+
+// Maximum and current clocks. Graphics, SM and memory are read in turn into
+// one variable; the SM value is the core clock. Results are not checked.
+void read_clocks(zev::GPU* gpu, nvml::Device device) {
+  const NvmlEntryPoints& api = g_nvml;
+  unsigned int mhz = 0;
+  nvml_call(api.nvmlDeviceGetMaxClockInfo, device, nvml::kClockGraphics, &mhz);
+  nvml_call(api.nvmlDeviceGetMaxClockInfo, device, nvml::kClockSm, &mhz);
+  gpu->core_clock.max_clock = static_cast<float>(mhz);
+  nvml_call(api.nvmlDeviceGetMaxClockInfo, device, nvml::kClockMem, &mhz);
+  gpu->memory_clock.max_clock = static_cast<float>(mhz);
+
+  unsigned int current = 0;
+  nvml_call(api.nvmlDeviceGetClock, device, nvml::kClockGraphics, nvml::kClockIdCurrent, &current);
+  nvml_call(api.nvmlDeviceGetClock, device, nvml::kClockSm, nvml::kClockIdCurrent, &current);
+  gpu->core_clock.current = static_cast<float>(current);
+  nvml_call(api.nvmlDeviceGetClock, device, nvml::kClockMem, nvml::kClockIdCurrent, &current);
+  gpu->memory_clock.current = static_cast<float>(current);
+}
+
+// Utilization, power, energy and the power limits.
+void read_load_and_power(zev::GPU* gpu, nvml::Device device) {
+  const NvmlEntryPoints& api = g_nvml;
+
+  nvml::Utilization utilization;
+  std::memset(&utilization, 0, sizeof utilization);
+  if (nvml_call(api.nvmlDeviceGetUtilizationRates, device, &utilization) == nvml::kSuccess) {
+    gpu->nvml_gpu_utilization = static_cast<int32_t>(utilization.gpu);
+    gpu->nvml_memory_utilization = static_cast<int32_t>(utilization.memory);
+    gpu->core_usage[0] = static_cast<float>(utilization.gpu);
+    gpu->memory_usage[0] = static_cast<float>(utilization.memory);
+    gpu->sensor_available[kSensorUsage] = 1;
+  }
+
+  unsigned int milliwatts = 0;
+  if (nvml_call(api.nvmlDeviceGetPowerUsage, device, &milliwatts) == nvml::kSuccess) {
+    gpu->nvml_raw[kRawPowerMilliwatts] = static_cast<int32_t>(milliwatts);
+    gpu->power.current = static_cast<float>(milliwatts);
+    gpu->power.watts = static_cast<float>(static_cast<float>(milliwatts) / 1000.0);
+    gpu->sensor_available[kSensorPower] = 1;
+  }
+
+  unsigned long long millijoules = 0;
+  if (nvml_call(api.nvmlDeviceGetTotalEnergyConsumption, device, &millijoules) ==
+      nvml::kSuccess) {
+    gpu->total_energy = static_cast<float>(millijoules);
+  }
+
+  unsigned int limit = 0;
+  if (nvml_call(api.nvmlDeviceGetEnforcedPowerLimit, device, &limit) == nvml::kSuccess) {
+    gpu->power.enforced_limit = static_cast<float>(limit);
+  }
+  limit = 0;
+  if (nvml_call(api.nvmlDeviceGetPowerManagementDefaultLimit, device, &limit) == nvml::kSuccess) {
+    gpu->power.default_limit = static_cast<float>(limit);
+  }
+  unsigned int min_limit = 0;
+  unsigned int max_limit = 0;
+  if (nvml_call(api.nvmlDeviceGetPowerManagementLimitConstraints, device, &min_limit,
+                &max_limit) == nvml::kSuccess) {
+    gpu->power.limit_min = static_cast<float>(min_limit);
+    gpu->power.limit_max = static_cast<float>(max_limit);
+  }
+}
+
+// Creates and fills the record of NVML device `index`.
+void add_device(GpuMonitorVorn* monitor, unsigned int index) {
+  const NvmlEntryPoints& api = g_nvml;
+
+  nvml::Device device = nullptr;
+  nvml_call(api.nvmlDeviceGetHandleByIndex, index, &device);
+  nvml::PciInfo pci;
+  std::memset(&pci, 0, sizeof pci);
+  nvml_call(api.nvmlDeviceGetPciInfo, device, &pci);
+  const unsigned long vendor = pci.pciDeviceId & 0xFFFFu;
+  const unsigned long device_id = pci.pciDeviceId >> 16;
+
+  zev::GPU* gpu = monitor->create_gpu();
+  ++monitor->num_nvml_detected;
+  gpu->nvidia_gpu_index = static_cast<int32_t>(index);
+  monitor->add_nvml_gpu(gpu);
+  // From here on the sensor dispatch leaves this record to the NVML refresh.
+  gpu->nvml_device = device;
+
+  char name[64];
+  std::memset(name, 0, sizeof name);
+  nvml_call(api.nvmlDeviceGetName, device, name, static_cast<unsigned int>(sizeof name));
+  if (name[0] != '\0') copy_text(gpu->name, sizeof gpu->name, name);
+  gpu->vendor_id = vendor;
+  gpu->device_id = device_id;
+  gpu->bus_id = static_cast<int32_t>(pci.bus);
+
+  read_description(gpu, device);
+  read_temperatures(gpu, device);
+  read_fans(gpu, device);
+  read_clocks(gpu, device);
+  read_load_and_power(gpu, device);
+
+  if (gpu->sensor_available[kSensorTemperature] || gpu->sensor_available[kSensorUsage]) {
+    gpu->monitorable = true;
+    ++monitor->num_monitorable_gpus;
+  }
+
+  nvidia_name_from_database(monitor, gpu, ShaderCountSource::kDriverFirst);
+  nvidia_check_rop_count(monitor, gpu, index);
+  nvidia_release_if_unlisted(monitor, gpu);
+}
+
+}  // namespace
+
+bool GpuMonitorVorn::nvml_initialize() {
+  nvml_lib_handle = dlopen("libnvidia-ml.so", RTLD_LAZY);
+  if (nvml_lib_handle == nullptr) nvml_lib_handle = dlopen("libnvidia-ml.so.1", RTLD_LAZY);
+  if (nvml_lib_handle != nullptr) nvml_resolve_entry_points(nvml_lib_handle);
+  if (nvml_lib_handle == nullptr) return false;
+
+  const NvmlEntryPoints& api = g_nvml;
+  // Only start-up and shut-down are required; the library stays loaded when
+  // they are missing.
+  if ((api.nvmlInit == nullptr && api.nvmlInit_v2 == nullptr) || api.nvmlShutdown == nullptr) {
+    return false;
+  }
+  const nvml::Return started = api.nvmlInit_v2 != nullptr ? api.nvmlInit_v2() : api.nvmlInit();
+  if (started != nvml::kSuccess) return false;  // neither shut down nor unloaded
+
+  // Both versions are read and dropped: this back-end does not fill
+  // driver_version.
+  char text[128];
+  std::memset(text, 0, sizeof text);
+  nvml_call(api.nvmlSystemGetNVMLVersion, text, 127u);
+  std::memset(text, 0, sizeof text);
+  nvml_call(api.nvmlSystemGetDriverVersion, text, 127u);
+
+  unsigned int count = 0;
+  if (api.nvmlDeviceGetCount_v2 != nullptr) {
+    api.nvmlDeviceGetCount_v2(&count);
+  } else if (api.nvmlDeviceGetCount != nullptr) {
+    api.nvmlDeviceGetCount(&count);
+  }
+  if (count == 0) {
+    nvml_terminate();
+    return false;
+  }
+
+  for (unsigned int i = 0; i < count; ++i) add_device(this, i);
+  return true;
+}
+
+bool GpuMonitorVorn::nvml_terminate() {
+  if (nvml_lib_handle == nullptr) return true;
+  nvml_call(g_nvml.nvmlShutdown);
+  dlclose(nvml_lib_handle);
+  nvml_lib_handle = nullptr;
+  return true;
+}

@@ -1,11 +1,246 @@
-// Refresh of the NVML GPUs. Every operation needs the NVML library, which
-// nvml_initialize() loads; without it they do nothing and report false.
+// Refresh of the NVML GPUs: the periodic refresh that update_dynamic_data()
+// runs first, and three on-demand refreshes of one GPU (power, per-process
+// utilization, PCIe throughput). All of them need the library that
+// nvml_initialize() loaded; without it they do nothing and report false.
+//
+// A failed read leaves its float as it was and puts -1 into the matching raw
+// field, so that a reader can tell a stale value from a fresh failure.
+#include <cstring>
+#include <new>
+
+#include "backends/nvidia/nvml_binding.h"
 #include "plugin/gpu_monitor_vorn.h"
 
-bool GpuMonitorVorn::nvml_update_dynamic_data() { return false; }
+namespace {
 
-bool GpuMonitorVorn::nvml_update_power_usage(unsigned long) { return false; }
+// nvml_raw slots.
+constexpr int kRawFanPercent = 0;
+constexpr int kRawTemperature = 1;
+constexpr int kRawCoreClock = 2;
+constexpr int kRawMemoryClock = 3;
+constexpr int kRawPowerMilliwatts = 4;
 
-bool GpuMonitorVorn::nvml_update_process_utilization(unsigned long) { return false; }
+// The text of a throttle-reason mask. Masks are compared whole: a GPU held
+// back for two reasons at once (idle and power-capped, 5) is "Unknown".
+const char* throttle_reason_text(unsigned long long mask) {
+  switch (mask) {
+    case 0: return "None";
+    case 1: return "GPU Idle";
+    case 2: return "Applications Clocks Setting";
+    case 4: return "Software Power Cap";
+    case 8: return "Hardware Slowdown";
+    case 16: return "Sync Boost";
+    case 32: return "Software Thermal Slowdown";
+    case 64: return "Hardware Thermal Slowdown";
+    case 128: return "Hardware Power Brake Slowdown";
+    case 256: return "Display Clock Setting";
+    default: return "Unknown";
+  }
+}
 
-bool GpuMonitorVorn::nvml_get_pcie_throughput(unsigned long) { return false; }
+void store_power(zev::GPU* gpu, unsigned int milliwatts) {
+  gpu->nvml_raw[kRawPowerMilliwatts] = static_cast<int32_t>(milliwatts);
+  gpu->power.watts = static_cast<float>(milliwatts / 1000.0);
+  gpu->power.current = static_cast<float>(milliwatts);
+}
+
+// Total energy (mJ) or -1.0 when it cannot be read.
+float read_energy(nvml::Device device) {
+  unsigned long long millijoules = 0;
+  if (nvml_call(g_nvml.nvmlDeviceGetTotalEnergyConsumption, device, &millijoules) !=
+      nvml::kSuccess) {
+    return -1.0f;
+  }
+  return static_cast<float>(millijoules);
+}
+
+// Enforced power limit (mW) or -1.0 when it cannot be read.
+float read_enforced_limit(nvml::Device device) {
+  unsigned int milliwatts = 0;
+  if (nvml_call(g_nvml.nvmlDeviceGetEnforcedPowerLimit, device, &milliwatts) != nvml::kSuccess) {
+    return -1.0f;
+  }
+  return static_cast<float>(milliwatts);
+}
+
+void refresh(zev::GPU* gpu) {
+  const NvmlEntryPoints& api = g_nvml;
+  nvml::Device device = static_cast<nvml::Device>(gpu->nvml_device);
+
+  unsigned int celsius = 0;
+  if (nvml_call(api.nvmlDeviceGetTemperature, device, nvml::kTemperatureGpu, &celsius) ==
+      nvml::kSuccess) {
+    gpu->nvml_raw[kRawTemperature] = static_cast<int32_t>(celsius);
+    gpu->temperatures[0].current = static_cast<float>(celsius);
+    gpu->temperatures[0].update_min_max();
+  } else {
+    gpu->nvml_raw[kRawTemperature] = -1;
+  }
+
+  // The single-fan entry point, also on boards discovery set up with several
+  // fans: only the first fan's percentage moves; RPMs stay as discovered.
+  unsigned int percent = 0;
+  if (nvml_call(api.nvmlDeviceGetFanSpeed, device, &percent) == nvml::kSuccess) {
+    gpu->nvml_raw[kRawFanPercent] = static_cast<int32_t>(percent);
+    if (gpu->fans != nullptr) gpu->fans[0].speed_percent = static_cast<float>(percent);
+  } else {
+    gpu->nvml_raw[kRawFanPercent] = -1;
+  }
+
+  // One clock variable for the two maximum and the two current clocks.
+  unsigned int mhz = 0xFFFFFFFFu;
+  if (nvml_call(api.nvmlDeviceGetMaxClockInfo, device, nvml::kClockSm, &mhz) == nvml::kSuccess) {
+    gpu->core_clock.max_clock = static_cast<float>(mhz);
+    gpu->core_clock.reported_max_clock = static_cast<float>(mhz);
+  } else {
+    gpu->core_clock.max_clock = -1.0f;
+  }
+  if (nvml_call(api.nvmlDeviceGetMaxClockInfo, device, nvml::kClockMem, &mhz) == nvml::kSuccess) {
+    gpu->memory_clock.max_clock = static_cast<float>(mhz);
+    gpu->memory_clock.reported_max_clock = static_cast<float>(mhz);
+  } else {
+    gpu->memory_clock.max_clock = -1.0f;
+  }
+  if (nvml_call(api.nvmlDeviceGetClock, device, nvml::kClockSm, nvml::kClockIdCurrent, &mhz) ==
+      nvml::kSuccess) {
+    gpu->nvml_raw[kRawCoreClock] = static_cast<int32_t>(mhz);
+    gpu->core_clock.current = static_cast<float>(mhz);
+  }
+  if (nvml_call(api.nvmlDeviceGetClock, device, nvml::kClockMem, nvml::kClockIdCurrent, &mhz) ==
+      nvml::kSuccess) {
+    gpu->nvml_raw[kRawMemoryClock] = static_cast<int32_t>(mhz);
+    gpu->memory_clock.current = static_cast<float>(mhz);
+  }
+
+  unsigned int milliwatts = 0;
+  if (nvml_call(api.nvmlDeviceGetPowerUsage, device, &milliwatts) == nvml::kSuccess) {
+    store_power(gpu, milliwatts);
+  } else {
+    gpu->nvml_raw[kRawPowerMilliwatts] = -1;
+  }
+
+  gpu->total_energy = read_energy(device);
+  gpu->power.enforced_limit = read_enforced_limit(device);
+
+  nvml::Utilization utilization;
+  std::memset(&utilization, 0, sizeof utilization);
+  if (nvml_call(api.nvmlDeviceGetUtilizationRates, device, &utilization) == nvml::kSuccess) {
+    gpu->nvml_gpu_utilization = static_cast<int32_t>(utilization.gpu);
+    gpu->nvml_memory_utilization = static_cast<int32_t>(utilization.memory);
+    gpu->core_usage[0] = static_cast<float>(utilization.gpu);
+    gpu->memory_usage[0] = static_cast<float>(utilization.memory);
+  } else {
+    gpu->nvml_gpu_utilization = -1;
+    gpu->nvml_memory_utilization = -1;
+  }
+
+  // A mask that cannot be read counts as no reason at all.
+  unsigned long long reasons = 0;
+  if (nvml_call(api.nvmlDeviceGetCurrentClocksThrottleReasons, device, &reasons) !=
+      nvml::kSuccess) {
+    reasons = 0;
+  }
+  gpu->throttle_reasons = reasons;
+  copy_text(gpu->throttle_reason_text, sizeof gpu->throttle_reason_text,
+            throttle_reason_text(reasons));
+}
+
+}  // namespace
+
+bool GpuMonitorVorn::nvml_update_dynamic_data() {
+  if (nvml_lib_handle == nullptr) return false;
+  const unsigned long count = nvml_get_num_gpus();
+  if (count == 0) return false;
+  for (unsigned long i = 0; i < count; ++i) {
+    zev::GPU* gpu = nvml_get_gpu(i);
+    if (gpu != nullptr) refresh(gpu);
+  }
+  return true;
+}
+
+bool GpuMonitorVorn::nvml_update_power_usage(unsigned long index) {
+  if (nvml_lib_handle == nullptr) return false;
+  zev::GPU* gpu = nvml_get_gpu(index);
+  if (gpu == nullptr) return false;
+  const NvmlEntryPoints& api = g_nvml;
+  nvml::Device device = static_cast<nvml::Device>(gpu->nvml_device);
+
+  // Unlike the periodic refresh, every entry point is tested first, and the
+  // power record's running maxima move.
+  if (api.nvmlDeviceGetPowerUsage != nullptr) {
+    unsigned int milliwatts = 0;
+    if (api.nvmlDeviceGetPowerUsage(device, &milliwatts) == nvml::kSuccess) {
+      store_power(gpu, milliwatts);
+      gpu->power.update_max_in_test();
+    } else {
+      gpu->nvml_raw[kRawPowerMilliwatts] = -1;
+    }
+  }
+  if (api.nvmlDeviceGetTotalEnergyConsumption != nullptr) gpu->total_energy = read_energy(device);
+  if (api.nvmlDeviceGetEnforcedPowerLimit == nullptr) return true;
+  gpu->power.enforced_limit = read_enforced_limit(device);
+  return true;
+}
+
+bool GpuMonitorVorn::nvml_update_process_utilization(unsigned long index) {
+  if (nvml_lib_handle == nullptr) return false;
+  zev::GPU* gpu = nvml_get_gpu(index);
+  const nvml::DeviceGetProcessUtilizationFn get_samples = g_nvml.nvmlDeviceGetProcessUtilization;
+  if (gpu == nullptr || get_samples == nullptr) return false;
+  nvml::Device device = static_cast<nvml::Device>(gpu->nvml_device);
+
+  // The sizing call. NVML answers a query without a buffer with
+  // INSUFFICIENT_SIZE whenever samples exist, so the table is refreshed only
+  // when the library reports success here.
+  unsigned int count = 0;
+  if (get_samples(device, nullptr, &count, 0) != nvml::kSuccess) return false;
+  if (count == 0) return true;
+
+  const unsigned int capacity = count;
+  nvml::ProcessUtilizationSample* samples =
+      new (std::nothrow) nvml::ProcessUtilizationSample[capacity]();
+  if (samples == nullptr) return false;
+  get_samples(device, samples, &count, 0);
+  // The library reports how many samples it wrote; never more than the
+  // buffer holds.
+  if (count > capacity) count = capacity;
+
+  zev::gpuProcessUtilization* records = new (std::nothrow) zev::gpuProcessUtilization[count];
+  if (records == nullptr) {
+    delete[] samples;
+    return false;
+  }
+  delete[] gpu->process_utilization;
+  gpu->process_utilization = records;
+  gpu->num_process_utilization = count;
+
+  for (unsigned int k = 0; k < count; ++k) {
+    zev::gpuProcessUtilization& record = records[k];
+    record.pid = samples[k].pid;
+    if (g_nvml.nvmlSystemGetProcessName != nullptr) {
+      g_nvml.nvmlSystemGetProcessName(record.pid, record.process_name, 1023u);
+    }
+    record.timestamp = samples[k].timeStamp;
+    record.sm_util = samples[k].smUtil;
+    record.mem_util = samples[k].memUtil;
+  }
+  delete[] samples;
+  return true;
+}
+
+bool GpuMonitorVorn::nvml_get_pcie_throughput(unsigned long index) {
+  if (nvml_lib_handle == nullptr) return false;
+  zev::GPU* gpu = nvml_get_gpu(index);
+  const nvml::DeviceGetPcieThroughputFn get_throughput = g_nvml.nvmlDeviceGetPcieThroughput;
+  if (gpu == nullptr || get_throughput == nullptr) return false;
+  nvml::Device device = static_cast<nvml::Device>(gpu->nvml_device);
+
+  unsigned int kilobytes_per_second = 0;
+  if (get_throughput(device, nvml::kPcieTxBytes, &kilobytes_per_second) == nvml::kSuccess) {
+    gpu->pcie_tx_throughput = kilobytes_per_second;
+  }
+  if (get_throughput(device, nvml::kPcieRxBytes, &kilobytes_per_second) == nvml::kSuccess) {
+    gpu->pcie_rx_throughput = kilobytes_per_second;
+  }
+  return true;
+}

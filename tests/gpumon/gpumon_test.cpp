@@ -106,8 +106,8 @@ TEST(Gpumon, CudaLibraryOnTheMachineIsDetected) {
   // No NVML library and no nvidia-smi: the NVIDIA scans find nothing and
   // the DRM scan has its turn.
   const std::vector<std::string> expected = {"NVIDIA CUDA library detected.",
-                                             "DRM: scanning GPUs...", "DRM: no GPU found.",
-                                             "Num GPUs detected: 0"};
+                                             "scanning NVIDIA GPUs...", "DRM: scanning GPUs...",
+                                             "DRM: no GPU found.", "Num GPUs detected: 0"};
   ASSERT_GE(texts.size(), 2u);
   EXPECT_EQ(std::vector<std::string>(texts.begin() + 2, texts.end()), expected);
 }

@@ -1,0 +1,70 @@
+// Database naming and the driver's ROP check, as both NVIDIA discoveries do
+// them.
+#include "backends/nvidia/nvidia_discovery_common.h"
+
+#include <cstring>
+
+namespace {
+
+// Value of rop_check_code under which a shortfall of ROPs is reported. The
+// record's constructor sets -1 and nothing here assigns it: only a host
+// that sets it hears the warning.
+constexpr int32_t kRopCheckCode = 432;
+
+}  // namespace
+
+void nvidia_name_from_database(GpuMonitorVorn* monitor, zev::GPU* gpu, ShaderCountSource shaders) {
+  const int index = static_cast<int>(monitor->gpu_db_get_index(gpu->vendor_id, gpu->device_id));
+  if (index < 0) return;
+
+  const char* name = monitor->gpu_db_get_adapter_name(gpu->vendor_id, index);
+  if (name != nullptr && name[0] != '\0') {
+    std::memset(gpu->name, 0, sizeof gpu->name);
+    copy_text(gpu->name, sizeof gpu->name, name);
+  }
+  const char* codename = monitor->gpu_db_get_gpu_codename(gpu->vendor_id, index);
+  if (codename != nullptr && codename[0] != '\0') {
+    std::memset(gpu->codename, 0, sizeof gpu->codename);
+    copy_text(gpu->codename, sizeof gpu->codename, codename);
+  }
+
+  // Counts are stored as the database holds them; -1 there means unknown.
+  gpu->db_num_shader_cores = static_cast<uint32_t>(
+      monitor->gpu_db_get_num_unified_shader_processors(gpu->vendor_id, index));
+  if (shaders == ShaderCountSource::kDatabaseAlways || gpu->num_shader_cores == 0) {
+    gpu->num_shader_cores = gpu->db_num_shader_cores;
+  }
+  gpu->num_texture_units =
+      static_cast<uint32_t>(monitor->gpu_db_get_num_texture_units(gpu->vendor_id, index));
+  gpu->db_num_rops = static_cast<uint32_t>(monitor->gpu_db_get_num_rops(gpu->vendor_id, index));
+  gpu->num_rops = gpu->db_num_rops;
+  gpu->tdp_w = static_cast<uint32_t>(monitor->gpu_db_get_tdp(gpu->vendor_id, index));
+}
+
+void nvidia_check_rop_count(GpuMonitorVorn* monitor, zev::GPU* gpu, unsigned long index) {
+  int rops = 0;
+  const int rc = monitor->linux_nv_read_rop_counter(index, &rops);
+  if (rc != 0) {
+    monitor->tracef("  - ROP counter (from driver): not available (err: %d)", rc);
+    return;
+  }
+  gpu->num_rops = static_cast<uint32_t>(rops);
+  monitor->tracef("  - ROP counter (from driver): %d", rops);
+  // The database count is signed data kept in an unsigned field: -1 (unknown)
+  // must not count as a large number of ROPs.
+  const int db_rops = static_cast<int>(gpu->db_num_rops);
+  if (db_rops > 0 && gpu->rop_check_code == kRopCheckCode) {
+    const int missing = db_rops - static_cast<int>(gpu->num_rops);
+    if (missing > 0) monitor->tracef("  - warning: GPU with missing ROP (%d) detected", missing);
+  }
+}
+
+void nvidia_release_if_unlisted(GpuMonitorVorn* monitor, zev::GPU* gpu) {
+  for (unsigned long i = 0; i < GpuMonitorVorn::kMaxGpus; ++i) {
+    if (monitor->gpus[i] == gpu || monitor->nvml_gpus[i] == gpu) return;
+  }
+  delete[] gpu->process_utilization;
+  delete[] gpu->perf_levels;
+  delete[] gpu->fans;
+  delete gpu;
+}

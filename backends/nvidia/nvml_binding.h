@@ -1,0 +1,74 @@
+// The NVML entry-point table: one process-wide set of function pointers,
+// filled with dlsym each time nvml_initialize() finds the library. A symbol
+// the library lacks leaves its pointer null. Discovery writes the table; the
+// refresh operations read it afterwards.
+#pragma once
+
+#include "backends/nvidia/nvml_types.h"
+
+struct NvmlEntryPoints {
+  nvml::InitFn nvmlInit;
+  nvml::InitFn nvmlInit_v2;
+  nvml::ShutdownFn nvmlShutdown;
+  nvml::SystemGetVersionFn nvmlSystemGetNVMLVersion;
+  nvml::SystemGetProcessNameFn nvmlSystemGetProcessName;
+  nvml::DeviceGetCountFn nvmlDeviceGetCount;
+  nvml::DeviceGetCountFn nvmlDeviceGetCount_v2;
+  nvml::DeviceGetHandleByIndexFn nvmlDeviceGetHandleByIndex;
+  nvml::DeviceGetNameFn nvmlDeviceGetName;
+  nvml::DeviceGetPciInfoFn nvmlDeviceGetPciInfo;
+  nvml::SystemGetVersionFn nvmlSystemGetDriverVersion;
+  nvml::DeviceGetBrandFn nvmlDeviceGetBrand;
+  nvml::DeviceGetSerialFn nvmlDeviceGetSerial;
+  nvml::DeviceGetMemoryInfoFn nvmlDeviceGetMemoryInfo;
+  nvml::DeviceGetCudaComputeCapabilityFn nvmlDeviceGetCudaComputeCapability;
+  nvml::DeviceGetRunningProcessesFn nvmlDeviceGetComputeRunningProcesses;
+  nvml::DeviceGetRunningProcessesFn nvmlDeviceGetGraphicsRunningProcesses;
+  // Filled by looking up "dlsym" in the library; never called.
+  void* dlsym_slot;
+  nvml::DeviceGetClockInfoFn nvmlDeviceGetMaxClockInfo;
+  nvml::DeviceGetClockFn nvmlDeviceGetClock;
+  nvml::DeviceGetClockInfoFn nvmlDeviceGetMaxCustomerBoostClock;
+  nvml::DeviceGetUIntFn nvmlDeviceGetFanSpeed;
+  nvml::DeviceGetTemperatureFn nvmlDeviceGetTemperature;
+  nvml::DeviceGetTemperatureThresholdFn nvmlDeviceGetTemperatureThreshold;
+  nvml::DeviceGetUIntFn nvmlDeviceGetPowerUsage;
+  nvml::DeviceGetEnergyFn nvmlDeviceGetTotalEnergyConsumption;
+  nvml::DeviceGetUIntFn nvmlDeviceGetEnforcedPowerLimit;
+  nvml::DeviceGetUIntFn nvmlDeviceGetPowerManagementDefaultLimit;
+  nvml::DeviceGetLimitConstraintsFn nvmlDeviceGetPowerManagementLimitConstraints;
+  nvml::DeviceGetUIntFn nvmlDeviceGetPowerManagementLimit;
+  nvml::DeviceGetPowerStateFn nvmlDeviceGetPowerState;
+  nvml::DeviceGetPcieThroughputFn nvmlDeviceGetPcieThroughput;
+  nvml::DeviceGetThrottleReasonsFn nvmlDeviceGetCurrentClocksThrottleReasons;
+  nvml::DeviceGetUtilizationRatesFn nvmlDeviceGetUtilizationRates;
+  nvml::DeviceGetProcessUtilizationFn nvmlDeviceGetProcessUtilization;
+  nvml::DeviceGetPlatformInfoFn nvmlDeviceGetPlatformInfo;
+  nvml::DeviceGetAttributesFn nvmlDeviceGetAttributes_v2;
+  nvml::DeviceGetFanSpeedV2Fn nvmlDeviceGetFanSpeed_v2;
+  nvml::DeviceGetFanSpeedRpmFn nvmlDeviceGetFanSpeedRPM_v2;
+  nvml::DeviceGetUIntFn nvmlDeviceGetNumFans;
+  nvml::DeviceGetUIntFn nvmlDeviceGetNumGpuCores;
+  nvml::DeviceGetUIntFn nvmlDeviceGetMemoryBusWidth;
+  nvml::DeviceGetArchitectureFn nvmlDeviceGetArchitecture;
+};
+
+// The table (process-wide; see above).
+extern NvmlEntryPoints g_nvml;
+
+// Number of table entries and the symbol each is resolved from, in the
+// order in which they are looked up.
+constexpr unsigned long kNvmlEntryPointCount = 43;
+const char* nvml_entry_point_name(unsigned long slot);
+
+// Resolves every entry of the table from `library`, in table order.
+void nvml_resolve_entry_points(void* library);
+
+// Calls an entry point that is used without a presence test. NVML libraries
+// that export nvmlInit and nvmlShutdown export these too; should one be
+// missing all the same, the call fails like any NVML call would, with
+// NVML_ERROR_FUNCTION_NOT_FOUND, and writes nothing.
+template <typename Fn, typename... Args>
+nvml::Return nvml_call(Fn fn, Args... args) {
+  return fn != nullptr ? fn(args...) : nvml::kErrorFunctionNotFound;
+}

@@ -1,0 +1,136 @@
+// Cost of refreshing NVIDIA GPUs: one update_dynamic_data on the same fake
+// machine (two GPUs), once with the GPUs found through NVML and once with
+// them found through nvidia-smi. Reported per refresh and per GPU: the time,
+// the NVML calls made (counted by the fake library) and the nvidia-smi
+// processes started (logged by the fake tool).
+//
+//   build/bin/nvidia_update_bench [--benchmark_filter=...]
+//
+// Runs on the machine the build assembles into build/machines (the NVIDIA
+// fakes come with the tests). Needs what the fake machines need (root or
+// unprivileged user namespaces).
+#include <benchmark/benchmark.h>
+#include <dlfcn.h>
+
+#include <fstream>
+#include <string>
+
+#include "machine.h"
+#include "plugin/gpu_monitor_vorn.h"
+#include "zev/trace.h"
+
+namespace {
+
+const char kMachine[] = "nvidia-rtx5090-rtx4080s-nvml";
+
+void quiet(zev::TraceLevel, const char*, void*) {}
+
+// Inside the machine for the object's lifetime. The loader's search path was
+// fixed when this process started, so the machine's NVML is loaded here by
+// its path; the monitor's dlopen of "libnvidia-ml.so.1" then finds it by its
+// soname.
+class InsideMachine {
+ public:
+  InsideMachine() {
+    zev::set_trace_sink(quiet, nullptr);
+    ok_ = machine::enter(std::string(ZEV_NVIDIA_MACHINES_DIR) + "/" + kMachine, &error_);
+    if (!ok_) return;
+    nvml_ = dlopen((machine::staged_root() + "/lib/libnvidia-ml.so.1").c_str(),
+                   RTLD_NOW | RTLD_GLOBAL);
+    if (nvml_ == nullptr) {
+      ok_ = false;
+      error_ = dlerror();
+    }
+  }
+  ~InsideMachine() {
+    if (nvml_ != nullptr) dlclose(nvml_);
+    if (ok_ || nvml_ != nullptr) machine::leave();
+    zev::set_trace_sink(nullptr, nullptr);
+  }
+  bool ok() const { return ok_; }
+  const std::string& error() const { return error_; }
+
+  // Lines the fake nvidia-smi has logged: one per process started.
+  static long smi_processes() {
+    std::ifstream in(machine::staged_root() + "/nvidia/nvidia-smi.log");
+    long n = 0;
+    for (std::string line; std::getline(in, line);) ++n;
+    return n;
+  }
+
+ private:
+  bool ok_ = false;
+  std::string error_;
+  void* nvml_ = nullptr;
+};
+
+void report(benchmark::State& state, double gpus, double per_update, const char* what) {
+  state.counters["gpus"] = gpus;
+  state.counters[what] = per_update;
+  state.counters[std::string(what) + "_per_gpu"] = per_update / gpus;
+  // Seconds per GPU and refresh.
+  state.counters["time_per_gpu"] = benchmark::Counter(
+      gpus, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+}
+
+void update_nvml(benchmark::State& state) {
+  InsideMachine inside;
+  if (!inside.ok()) {
+    state.SkipWithError(("cannot enter the machine: " + inside.error()).c_str());
+    return;
+  }
+  GpuMonitorVorn monitor;
+  if (!monitor.nvml_initialize()) {
+    state.SkipWithError("NVML discovery found no GPU");
+    return;
+  }
+  auto calls = reinterpret_cast<unsigned long (*)()>(
+      dlsym(monitor.nvml_lib_handle, "zev_fake_nvml_calls"));
+  if (calls == nullptr) {
+    // A real libnvidia-ml.so on this system was found first.
+    state.SkipWithError("the monitor did not load the fake NVML");
+    monitor.cleanup_gpus_list();
+    return;
+  }
+  const double gpus = static_cast<double>(monitor.get_num_gpus());
+
+  const unsigned long before = calls();
+  for (auto _ : state) benchmark::DoNotOptimize(monitor.update_dynamic_data());
+  const double per_update =
+      static_cast<double>(calls() - before) / static_cast<double>(state.iterations());
+
+  report(state, gpus, per_update, "nvml_calls");
+  monitor.cleanup_gpus_list();
+  monitor.nvml_terminate();
+}
+
+void update_nvidia_smi(benchmark::State& state) {
+  InsideMachine inside;
+  if (!inside.ok()) {
+    state.SkipWithError(("cannot enter the machine: " + inside.error()).c_str());
+    return;
+  }
+  // The same GPUs, found the way the monitor finds them when NVML fails.
+  GpuMonitorVorn monitor;
+  if (!monitor.linux_nv_smi_init_gpus()) {
+    state.SkipWithError("nvidia-smi discovery found no GPU");
+    return;
+  }
+  const double gpus = static_cast<double>(monitor.get_num_gpus());
+
+  const long before = InsideMachine::smi_processes();
+  for (auto _ : state) benchmark::DoNotOptimize(monitor.update_dynamic_data());
+  const double per_update = static_cast<double>(InsideMachine::smi_processes() - before) /
+                            static_cast<double>(state.iterations());
+
+  report(state, gpus, per_update, "processes");
+  monitor.cleanup_gpus_list();
+}
+
+// Wall-clock time: the nvidia-smi path spends its time in other processes.
+BENCHMARK(update_nvml)->Unit(benchmark::kMicrosecond)->UseRealTime();
+BENCHMARK(update_nvidia_smi)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+}  // namespace
+
+BENCHMARK_MAIN();
