@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "gpudb/record_names.h"
 #include "plugin/gpu_monitor_vorn.h"
 
 namespace {
@@ -92,16 +93,7 @@ void name_from_database(GpuMonitorVorn* monitor, zev::GPU* gpu, const char* revi
   const int index =
       static_cast<int>(monitor->gpu_db_get_index_v2(gpu->vendor_id, gpu->device_id, revision_text));
   if (index < 0) return;
-  const char* name = monitor->gpu_db_get_adapter_name(gpu->vendor_id, index);
-  if (name != nullptr && name[0] != '\0') {
-    std::memset(gpu->name, 0, sizeof gpu->name);
-    copy_text(gpu->name, sizeof gpu->name, name);
-  }
-  const char* codename = monitor->gpu_db_get_gpu_codename(gpu->vendor_id, index);
-  if (codename != nullptr && codename[0] != '\0') {
-    std::memset(gpu->codename, 0, sizeof gpu->codename);
-    copy_text(gpu->codename, sizeof gpu->codename, codename);
-  }
+  gpu_db_copy_names(monitor, gpu, index);
   // Stored as the database holds them; -1 there means unknown.
   gpu->num_shader_cores = static_cast<uint32_t>(
       monitor->gpu_db_get_num_unified_shader_processors(gpu->vendor_id, index));

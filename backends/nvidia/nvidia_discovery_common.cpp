@@ -4,6 +4,8 @@
 
 #include <cstring>
 
+#include "gpudb/record_names.h"
+
 namespace {
 
 // Value of rop_check_code under which a shortfall of ROPs is reported. The
@@ -17,16 +19,7 @@ void nvidia_name_from_database(GpuMonitorVorn* monitor, zev::GPU* gpu, ShaderCou
   const int index = static_cast<int>(monitor->gpu_db_get_index(gpu->vendor_id, gpu->device_id));
   if (index < 0) return;
 
-  const char* name = monitor->gpu_db_get_adapter_name(gpu->vendor_id, index);
-  if (name != nullptr && name[0] != '\0') {
-    std::memset(gpu->name, 0, sizeof gpu->name);
-    copy_text(gpu->name, sizeof gpu->name, name);
-  }
-  const char* codename = monitor->gpu_db_get_gpu_codename(gpu->vendor_id, index);
-  if (codename != nullptr && codename[0] != '\0') {
-    std::memset(gpu->codename, 0, sizeof gpu->codename);
-    copy_text(gpu->codename, sizeof gpu->codename, codename);
-  }
+  gpu_db_copy_names(monitor, gpu, index);
 
   // Counts are stored as the database holds them; -1 there means unknown.
   gpu->db_num_shader_cores = static_cast<uint32_t>(
