@@ -5,19 +5,15 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "plugin/command_pipe.h"
 #include "plugin/gpu_monitor_vorn.h"
 
 namespace {
 
-// Runs the command and reads the first line of its output into line (at most
-// size - 1 characters). False when the pipe cannot be opened or no line comes.
+// The first line of the command's output (at most size - 1 characters).
+// False when the pipe cannot be opened or no line comes.
 bool read_first_line(const char* command, char* line, int size) {
-  FILE* pipe = popen(command, "r");
-  if (pipe == nullptr) return false;
-  std::memset(line, 0, static_cast<size_t>(size));
-  const bool got = std::fgets(line, size, pipe) != nullptr;
-  pclose(pipe);
-  return got;
+  return first_line_of(command, line, size) == PipeAnswer::kLine;
 }
 
 // Copies at most 127 characters of a line and cuts its last character, the

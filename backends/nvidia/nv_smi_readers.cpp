@@ -10,22 +10,15 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "plugin/command_pipe.h"
 #include "plugin/gpu_monitor_vorn.h"
 
 namespace {
 
-enum class Answer { kNoProcess, kNoLine, kLine };
-
 // Runs `command` and reads the first line of its output (at most 127
-// characters) into `line`, a zeroed 128-byte buffer. The pipe is always
-// closed again.
-Answer run_query(const char* command, char (&line)[128]) {
-  std::memset(line, 0, sizeof line);
-  FILE* pipe = popen(command, "r");
-  if (pipe == nullptr) return Answer::kNoProcess;
-  const bool got_line = std::fgets(line, sizeof line, pipe) != nullptr;
-  pclose(pipe);
-  return got_line ? Answer::kLine : Answer::kNoLine;
+// characters) into `line`, a zeroed 128-byte buffer.
+PipeAnswer run_query(const char* command, char (&line)[128]) {
+  return first_line_of(command, line, sizeof line);
 }
 
 // Formats one per-GPU query into a zeroed 128-byte command buffer.
@@ -45,7 +38,7 @@ bool read_text(unsigned long index, const char* field, char* out) {
   char command[128];
   format_query(command, index, field, kCsv);
   char line[128];
-  if (run_query(command, line) != Answer::kLine) return false;
+  if (run_query(command, line) != PipeAnswer::kLine) return false;
   const size_t length = std::strlen(line);
   if (length > 0 && line[length - 1] == '\n') line[length - 1] = '\0';
   if (line[0] == '\0') return false;
@@ -59,8 +52,22 @@ bool read_number(unsigned long index, const char* field, int* out) {
   char command[128];
   format_query(command, index, field, kCsvNoUnits);
   char line[128];
-  if (run_query(command, line) != Answer::kLine) return false;
+  if (run_query(command, line) != PipeAnswer::kLine) return false;
   *out = std::atoi(line);
+  return true;
+}
+
+// "0x" and eight hex digits: the device (or sub-device) first, the vendor
+// (or sub-vendor) last, as in 0x268410DE.
+bool read_id_pair(GpuMonitorVorn* monitor, unsigned long index, const char* field,
+                  unsigned long* vendor, unsigned long* device) {
+  if (vendor == nullptr && device == nullptr) return false;
+  char command[128];
+  format_query(command, index, field, kCsv);
+  char line[128];
+  if (run_query(command, line) != PipeAnswer::kLine || std::strlen(line) <= 9) return false;
+  if (vendor != nullptr) *vendor = monitor->str_to_hex(line[6], line[7], line[8], line[9]);
+  if (device != nullptr) *device = monitor->str_to_hex(line[2], line[3], line[4], line[5]);
   return true;
 }
 
@@ -72,11 +79,11 @@ bool GpuMonitorVorn::linux_nv_smi_read_num_gpus(unsigned long* count) {
   std::memset(command, 0, sizeof command);
   std::snprintf(command, sizeof command, "nvidia-smi --query-gpu=count --format=csv,noheader");
   char line[128];
-  const Answer answer = run_query(command, line);
-  if (answer == Answer::kNoProcess) return false;
+  const PipeAnswer answer = run_query(command, line);
+  if (answer == PipeAnswer::kNoProcess) return false;
   // nvidia-smi prints the total once per GPU; the first line is enough. No
   // line at all (no nvidia-smi on the machine) is a count of 0.
-  *count = answer == Answer::kLine ? static_cast<unsigned long>(std::atoi(line)) : 0;
+  *count = answer == PipeAnswer::kLine ? static_cast<unsigned long>(std::atoi(line)) : 0;
   return true;
 }
 
@@ -92,32 +99,16 @@ bool GpuMonitorVorn::linux_nv_smi_read_vbios_version(unsigned long index, char* 
   return read_text(index, "vbios_version", version);
 }
 
-// "0x" and eight hex digits: the device (or sub-device) first, the vendor
-// (or sub-vendor) last, as in 0x268410DE.
 bool GpuMonitorVorn::linux_nv_smi_read_gpu_pci_device_id(unsigned long index,
                                                          unsigned long* vendor,
                                                          unsigned long* device) {
-  if (vendor == nullptr && device == nullptr) return false;
-  char command[128];
-  format_query(command, index, "pci.device_id", kCsv);
-  char line[128];
-  if (run_query(command, line) != Answer::kLine || std::strlen(line) <= 9) return false;
-  if (vendor != nullptr) *vendor = str_to_hex(line[6], line[7], line[8], line[9]);
-  if (device != nullptr) *device = str_to_hex(line[2], line[3], line[4], line[5]);
-  return true;
+  return read_id_pair(this, index, "pci.device_id", vendor, device);
 }
 
 bool GpuMonitorVorn::linux_nv_smi_read_gpu_pci_subdevice_id(unsigned long index,
                                                             unsigned long* subvendor,
                                                             unsigned long* subdevice) {
-  if (subvendor == nullptr && subdevice == nullptr) return false;
-  char command[128];
-  format_query(command, index, "pci.sub_device_id", kCsv);
-  char line[128];
-  if (run_query(command, line) != Answer::kLine || std::strlen(line) <= 9) return false;
-  if (subvendor != nullptr) *subvendor = str_to_hex(line[6], line[7], line[8], line[9]);
-  if (subdevice != nullptr) *subdevice = str_to_hex(line[2], line[3], line[4], line[5]);
-  return true;
+  return read_id_pair(this, index, "pci.sub_device_id", subvendor, subdevice);
 }
 
 // "0x" and two hex digits, as in 0x07.
@@ -126,7 +117,7 @@ bool GpuMonitorVorn::linux_nv_smi_read_gpu_pci_bus_id(unsigned long index, unsig
   char command[128];
   format_query(command, index, "pci.bus", kCsv);
   char line[128];
-  if (run_query(command, line) != Answer::kLine || std::strlen(line) <= 3) return false;
+  if (run_query(command, line) != PipeAnswer::kLine || std::strlen(line) <= 3) return false;
   *bus = str_to_hex2(line[2], line[3]);
   return true;
 }
@@ -160,7 +151,7 @@ bool GpuMonitorVorn::linux_nv_smi_read_vram_temperature(unsigned long index, int
   char command[128];
   format_query(command, index, "temperature.memory", kCsvNoUnits);
   char line[128];
-  if (run_query(command, line) != Answer::kLine || line[0] == 'N') return false;
+  if (run_query(command, line) != PipeAnswer::kLine || line[0] == 'N') return false;
   *celsius = std::atoi(line);
   return true;
 }

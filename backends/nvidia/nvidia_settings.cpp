@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "plugin/command_pipe.h"
 #include "plugin/gpu_monitor_vorn.h"
 
 namespace {
@@ -76,14 +77,8 @@ bool GpuMonitorVorn::linux_nvidia_gpu_get_usages(unsigned long index, float* gpu
   char command[128];
   std::memset(command, 0, sizeof command);
   std::snprintf(command, sizeof command, "nvidia-settings -q [gpu:%lu]/GPUUtilization -t", index);
-  FILE* pipe = popen(command, "r");
-  if (pipe == nullptr) return false;
   char line[128];
-  std::memset(line, 0, sizeof line);
-  if (std::fgets(line, sizeof line, pipe) == nullptr) {
-    pclose(pipe);
-    return false;
-  }
+  if (first_line_of(command, line, sizeof line) != PipeAnswer::kLine) return false;
   int graphics = 0;
   int memory = 0;
   int video = 0;
@@ -93,7 +88,6 @@ bool GpuMonitorVorn::linux_nvidia_gpu_get_usages(unsigned long index, float* gpu
   // An idle GPU (0 %) stores nothing and still counts as read.
   if (graphics >= 1 && gpu_usage != nullptr) *gpu_usage = static_cast<float>(graphics);
   if (memory > 0 && memory_usage != nullptr) *memory_usage = static_cast<float>(memory);
-  pclose(pipe);
   return true;
 }
 
