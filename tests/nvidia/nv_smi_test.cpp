@@ -19,13 +19,14 @@ extern "C" void zev_fake_nvidia_driver_close_all(void);
 
 namespace {
 
+using nvidia_test::kDegrees;
 using nvidia_test::lines_of;
+using nvidia_test::rtx5090_rtx4080s_smi_scan_block;
 using nvidia_test::Machine;
 using testing_support::MachineScope;
 using testing_support::read_file;
 using testing_support::TraceCapture;
 
-const char kDegrees[] = "\xC2\xB0" "C";
 
 class NvSmi : public ::testing::Test {
  protected:
@@ -289,41 +290,7 @@ TEST_F(NvSmi, DiscoveryTracesWhatItReadsOfEachGpu) {
   enter("", "nvidia-rtx5090-rtx4080s-smi");
   TraceCapture traces;
   ASSERT_TRUE(monitor_.linux_nv_smi_init_gpus());
-  const std::string deg = kDegrees;
-  const std::vector<std::string> expected = {
-      "scanning NVIDIA GPUs...",
-      "> GPU 0",
-      "  - name: NVIDIA GeForce RTX 5090",
-      "  - device ID: 10DE-2B85",
-      "  - subdevice ID: 10DE-2057",
-      "  - bus ID: 1",
-      "  - driver: 570.133.07",
-      "  - vbios: 98.02.2E.00.AF",
-      "  - VRAM size: 32607 MB",
-      "  - core usage: 3 %",
-      "  - mem usage: 1 %",
-      "  - core temperature: 38 " + deg,
-      "  - power: 27 W",
-      "  - core clock: 390 MHz",
-      "  - mem clock: 405 MHz",
-      "  - ROP counter (from driver): 176",
-      "> GPU 1",
-      "  - name: NVIDIA GeForce RTX 4080 SUPER",
-      "  - device ID: 10DE-2702",
-      "  - subdevice ID: 1458-40FD",
-      "  - bus ID: 4",
-      "  - driver: 570.133.07",
-      "  - vbios: 95.03.2C.40.94",
-      "  - VRAM size: 16376 MB",
-      "  - core usage: 0 %",
-      "  - mem usage: 0 %",
-      "  - core temperature: 35 " + deg,
-      "  - power: 11 W",
-      "  - core clock: 210 MHz",
-      "  - mem clock: 405 MHz",
-      "  - ROP counter (from driver): not available (err: -4)",
-  };
-  EXPECT_EQ(traces.texts(), expected);
+  EXPECT_EQ(traces.texts(), rtx5090_rtx4080s_smi_scan_block());
   // The count, then 14 values per GPU.
   EXPECT_EQ(commands().size(), 1u + 2 * 14);
 

@@ -208,4 +208,43 @@ std::vector<std::string> LogFile::lines() const {
   return lines_of(testing_support::read_file(path_));
 }
 
+const char kDegrees[] = "\xC2\xB0" "C";
+
+std::vector<std::string> rtx5090_rtx4080s_smi_scan_block() {
+  const std::string deg = kDegrees;
+  return {
+      "scanning NVIDIA GPUs...",
+      "> GPU 0",
+      "  - name: NVIDIA GeForce RTX 5090",
+      "  - device ID: 10DE-2B85",
+      "  - subdevice ID: 10DE-2057",
+      "  - bus ID: 1",
+      "  - driver: 570.133.07",
+      "  - vbios: 98.02.2E.00.AF",
+      "  - VRAM size: 32607 MB",
+      "  - core usage: 3 %",
+      "  - mem usage: 1 %",
+      "  - core temperature: 38 " + deg,
+      "  - power: 27 W",
+      "  - core clock: 390 MHz",
+      "  - mem clock: 405 MHz",
+      "  - ROP counter (from driver): 176",
+      "> GPU 1",
+      "  - name: NVIDIA GeForce RTX 4080 SUPER",
+      "  - device ID: 10DE-2702",
+      "  - subdevice ID: 1458-40FD",
+      "  - bus ID: 4",
+      "  - driver: 570.133.07",
+      "  - vbios: 95.03.2C.40.94",
+      "  - VRAM size: 16376 MB",
+      "  - core usage: 0 %",
+      "  - mem usage: 0 %",
+      "  - core temperature: 35 " + deg,
+      "  - power: 11 W",
+      "  - core clock: 210 MHz",
+      "  - mem clock: 405 MHz",
+      "  - ROP counter (from driver): not available (err: -4)",
+  };
+}
+
 }  // namespace nvidia_test

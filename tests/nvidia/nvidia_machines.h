@@ -80,6 +80,14 @@ class ScopedEnv {
   std::vector<std::pair<std::string, std::unique_ptr<std::string>>> saved_;
 };
 
+// The degree sign and unit of the temperature traces, in UTF-8.
+extern const char kDegrees[];
+
+// The trace block of the nvidia-smi discovery on the machine
+// nvidia-rtx5090-rtx4080s-smi, from "scanning NVIDIA GPUs..." to the second
+// GPU's ROP line.
+std::vector<std::string> rtx5090_rtx4080s_smi_scan_block();
+
 // Lines of a text (without their newlines).
 std::vector<std::string> lines_of(const std::string& text);
 
