@@ -1,5 +1,5 @@
 // Helpers of the NVIDIA tests: private copies of the assembled NVIDIA
-// machines (build/machines/<name>, see tests/fakes/nvidia), changed per test;
+// machines (build/machines/<name>, see machines/fakes/nvidia), changed per test;
 // running a test again inside a machine, so that the machine's libraries are
 // on the loader's path from the start; and what the fakes report.
 #pragma once
@@ -13,7 +13,7 @@
 
 namespace nvidia_test {
 
-// build/machines/<name>: a machine of tests/machines with its fakes.
+// build/machines/<name>: a machine of machines/ with its fakes.
 std::string assembled_machine(const std::string& name);
 // build/fakes/<relative>, e.g. "lib/libzev-fake-nvml-full.so".
 std::string fake_path(const std::string& relative);

@@ -14,7 +14,7 @@ namespace testing_support {
 // build/bin/plugin_zev_gpumon_x64.so and build/bin/gpumon.
 std::string plugin_path();
 std::string gpumon_path();
-// tests/machines/NAME
+// machines/NAME
 std::string machine_dir(const std::string& name);
 // build/fakes/lib/NAME: a fake library built for the tests.
 std::string fake_library(const std::string& name);
