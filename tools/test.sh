@@ -23,7 +23,7 @@ ASAN_OPTIONS=detect_leaks=1:abort_on_error=0 UBSAN_OPTIONS=print_stacktrace=1 \
 echo "== ThreadSanitizer build: the update thread and the refresh it runs"
 # Only the races the design has (tools/tsan.supp names them) are allowed.
 cmake -S . -B build-tsan -G Ninja -DZEV_SANITIZE=thread -DZEV_BUILD_BENCHMARKS=OFF >/dev/null
-cmake --build build-tsan -j"$jobs" --target update_thread_test update_loop_test dispatch_routing_test
+cmake --build build-tsan -j"$jobs" --target dispatch_test
 TSAN_OPTIONS="suppressions=$PWD/tools/tsan.supp halt_on_error=1 second_deadlock_stack=1" \
   ctest --test-dir build-tsan -j"$jobs" --output-on-failure \
   -R '^(UpdateThread|UpdateThreadThroughThePlugin|UpdateThroughThePlugin|UpdateLoop|Dispatch)\.'

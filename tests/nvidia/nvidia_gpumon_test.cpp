@@ -1,10 +1,14 @@
 // The NVIDIA machines end to end through gpumon, as a host sees them: the
-// discovery chain (CUDA probe, NVML, nvidia-smi, DRM), the trace blocks, the
-// records, and refreshes. The fakes log what was asked of them (NVML calls,
-// nvidia-smi command lines) into files outside the machine.
+// discovery chain (CUDA probe, NVML, nvidia-smi, DRM), the traces, the
+// records after discovery and after refreshes. The fakes log what was asked
+// of them (NVML calls, nvidia-smi starts) into files outside the machine.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cmath>
+#include <functional>
 #include <nlohmann/json.hpp>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -14,233 +18,233 @@
 namespace {
 
 using nlohmann::json;
-using nvidia_test::kDegrees;
-using nvidia_test::lines_of;
-using nvidia_test::rtx5090_rtx4080s_smi_scan_block;
-using nvidia_test::LogFile;
 using nvidia_test::Machine;
-using nvidia_test::run_gpumon_on;
+using Texts = std::vector<std::string>;
 
+Texts split(const std::string& text, char separator) {
+  Texts parts;
+  std::istringstream in(text);
+  for (std::string part; std::getline(in, part, separator);) parts.push_back(part);
+  return parts;
+}
 
-// gpumon --json on a machine, with the fakes' logs.
-struct GpumonRun {
-  LogFile nvml_log;
-  LogFile smi_log;
-  machine::RunResult result;
-  json doc;
+// Every value of `want` is in `got`: objects key by key, arrays of the same
+// length item by item, numbers to float precision.
+void expect_subset(const json& want, const json& got, const std::string& at) {
+  if (want.is_number() && got.is_number()) {
+    const double w = want.get<double>();
+    EXPECT_NEAR(got.get<double>(), w, 1e-6 * std::max(1.0, std::fabs(w))) << at;
+  } else if (!want.is_structured() || want.type() != got.type() ||
+             (want.is_array() && want.size() != got.size())) {
+    EXPECT_EQ(got, want) << at;
+  } else {
+    for (const auto& item : want.items()) {
+      const std::string& key = item.key();
+      if (want.is_object() && !got.contains(key)) {
+        ADD_FAILURE() << at << " has no " << key;
+      } else {
+        expect_subset(item.value(), want.is_array() ? got[std::stoul(key)] : got[key],
+                      at + "/" + key);
+      }
+    }
+  }
+}
 
-  explicit GpumonRun(const Machine& machine, std::vector<std::string> args = {}) {
-    args.insert(args.begin(), "--json");
-    result = run_gpumon_on(machine, args,
-                           {"ZEV_FAKE_NVML_LOG=" + nvml_log.path(),
-                            "ZEV_FAKE_NVIDIA_SMI_LOG=" + smi_log.path()});
-    EXPECT_EQ(result.exit_code, 0) << result.out << result.err;
-    if (args.size() == 1) doc = json::parse(result.out, nullptr, false);
-  }
-  std::vector<std::string> traces() const {
-    std::vector<std::string> texts;
-    for (const json& t : doc["traces"]) texts.push_back(t["text"]);
-    return texts;
-  }
-  bool traced(const std::string& text) const {
-    for (const std::string& t : traces())
-      if (t == text) return true;
-    return false;
-  }
-  const json& gpu(size_t i) const { return doc["gpus"][i]; }
+struct Case {
+  const char* what;
+  std::function<Machine()> machine;
+  std::string args;    // besides --json, one a word; with a watch, the last report is checked
+  std::string traces;  // shown in this order, '|' between them; "!text": never shown; a
+                       // leading '=': these are all the traces
+  std::string gpus;    // what the report shows of each GPU (JSON)
+  std::string logs;    // "smi=<nvidia-smi starts>", "nvml=<NVML calls, ',' between>", or none
 };
 
-TEST(NvidiaGpumon, TheH100IsFoundThroughNvml) {
-  GpumonRun run{Machine("nvidia-h100-sxm")};
-  const std::vector<std::string> expected = {
-      "Linux x86_64 - CPU name: Intel(R) Xeon(R) Platinum 8480+, CPU speed: 2000MHz, RAM: "
-      "225280MB",
-      "Operating system detected: Linux 6.8.0-45-generic 64-bit",
-      "NVIDIA CUDA library detected.",
-      "  - ROP counter (from driver): 24",
-      "num GPUs detected by nvidia nvml: 1",
-      "Num GPUs detected: 1",
-      "> GPU0",
-      "  - name: NVIDIA H100 80GB HBM3",
-      "  - PCI codes: 0x10DE-0x2330",
-      "  - Bus ID: 24",
-      "  - core temperature: 32 degC",
-  };
-  EXPECT_EQ(run.traces(), expected);
-  EXPECT_EQ(run.doc["traces"][4]["level"], "debug");
+void run(const Case& c) {
+  SCOPED_TRACE(c.what);
+  // The fakes' logs go next to the machine's files, outside its private copy.
+  const Machine machine = c.machine();
+  const std::string nvml_log = machine.dir() + "/nvml.log", smi_log = machine.dir() + "/smi.log";
+  nvidia_test::allow_preloading();
+  setenv("ZEV_FAKE_NVML_LOG", nvml_log.c_str(), 1);
+  setenv("ZEV_FAKE_NVIDIA_SMI_LOG", smi_log.c_str(), 1);
+  Texts args = {"--machine", machine.dir(), "--json"};
+  for (const std::string& a : split(c.args, ' ')) args.push_back(a);
+  const machine::RunResult r = testing_support::run_gpumon(args);
+  unsetenv("ZEV_FAKE_NVML_LOG");
+  unsetenv("ZEV_FAKE_NVIDIA_SMI_LOG");
+  ASSERT_EQ(r.exit_code, 0) << r.out << r.err;
+  const Texts reports = split(r.out, '\n');  // one a line when watching
+  ASSERT_FALSE(reports.empty());
+  const json doc = json::parse(c.args.empty() ? r.out : reports.back(), nullptr, false);
+  ASSERT_FALSE(doc.is_discarded()) << r.out;
 
-  ASSERT_EQ(run.doc["gpus"].size(), 1u);
-  const json& g = run.gpu(0);
-  EXPECT_EQ(g["name"], "NVIDIA H100 80GB HBM3");
-  EXPECT_EQ(g["codename"], "GH100");
-  EXPECT_EQ(g["pci"], "10DE:2330");
-  EXPECT_EQ(g["bus_id"], 24);
-  EXPECT_EQ(g["driver_version"], "");
-  EXPECT_EQ(g["monitorable"], true);
-  EXPECT_EQ(g["units"]["shaders"], 16896);
-  EXPECT_TRUE(g["units"]["texture_units"].is_null());
-  EXPECT_EQ(g["units"]["rops"], 24);
-  EXPECT_TRUE(g["units"]["tdp_w"].is_null());
-  EXPECT_EQ(g["temperature_c"]["core"]["current"], 32.0);
-  EXPECT_TRUE(g["temperature_c"]["memory"]["current"].is_null());
-  EXPECT_EQ(g["clock_mhz"]["core"]["current"], 345.0);
-  EXPECT_EQ(g["clock_mhz"]["memory"]["current"], 2619.0);
-  EXPECT_EQ(g["usage_percent"]["core"]["current"], 0.0);
-  EXPECT_NEAR(g["power"]["watts"].get<double>(), 71.234, 1e-4);
-  EXPECT_EQ(g["power"]["current"], 71234.0);
-  EXPECT_TRUE(g["fans"].empty());
-  // NVML alone: no nvidia-smi process, no DRM scan.
-  EXPECT_TRUE(run.smi_log.lines().empty());
-  EXPECT_FALSE(run.traced("DRM: scanning GPUs..."));
-  EXPECT_EQ(run.nvml_log.lines().front(), "nvmlInit_v2");
+  Texts traces;
+  for (const json& t : doc["traces"]) traces.push_back(t["text"]);
+  if (!c.traces.empty() && c.traces[0] == '=') {
+    EXPECT_EQ(traces, split(c.traces.substr(1), '|'));
+  }
+  auto from = traces.begin();
+  for (const std::string& want : split(c.traces, '|')) {
+    if (want[0] == '!') {
+      EXPECT_EQ(std::count(traces.begin(), traces.end(), want.substr(1)), 0) << want;
+      continue;
+    }
+    const auto at = std::find(from, traces.end(), want[0] == '=' ? want.substr(1) : want);
+    EXPECT_TRUE(at != traces.end())
+        << "no \"" << want << "\" (in this order) in " << json(traces).dump(1);
+    if (at != traces.end()) from = at + 1;
+  }
+  expect_subset(json::parse(c.gpus), doc["gpus"], "gpus");
+
+  std::string logs;
+  for (const std::string& log : split(c.logs, ' ')) {
+    const Texts lines = split(testing_support::read_file(log[0] == 's' ? smi_log : nvml_log), '\n');
+    std::string calls;
+    for (const std::string& l : lines) calls += (calls.empty() ? "" : ",") + l;
+    logs += (logs.empty() ? "" : " ") +
+            (log[0] == 's' ? "smi=" + std::to_string(lines.size()) : "nvml=" + calls);
+  }
+  EXPECT_EQ(logs, c.logs);
+}
+
+std::function<Machine()> on(const char* name, const char* without = nullptr,
+                            const char* or_without = nullptr) {
+  return [=] {
+    Machine m(name);
+    if (without != nullptr) m.remove(without);
+    if (or_without != nullptr) m.remove(or_without);
+    return m;
+  };
+}
+
+const char kH100[] = "nvidia-h100-sxm";
+const char kSmi[] = "nvidia-rtx5090-rtx4080s-smi";
+
+TEST(NvidiaGpumon, NvmlMachinesAsAHostSeesThem) {
+  const Case cases[] = {
+      {"H100", on(kH100), "",
+       "=Linux x86_64 - CPU name: Intel(R) Xeon(R) Platinum 8480+, CPU speed: 2000MHz, RAM: "
+       "225280MB|Operating system detected: Linux 6.8.0-45-generic 64-bit|"
+       "NVIDIA CUDA library detected.|  - ROP counter (from driver): 24|"
+       "num GPUs detected by nvidia nvml: 1|Num GPUs detected: 1|> GPU0|"
+       "  - name: NVIDIA H100 80GB HBM3|  - PCI codes: 0x10DE-0x2330|  - Bus ID: 24|"
+       "  - core temperature: 32 degC",
+       R"([{"name": "NVIDIA H100 80GB HBM3", "codename": "GH100", "pci": "10DE:2330",
+            "bus_id": 24, "driver_version": "", "monitorable": true,
+            "units": {"shaders": 16896, "texture_units": null, "rops": 24, "tdp_w": null},
+            "temperature_c": {"core": {"current": 32}, "memory": {"current": null}},
+            "clock_mhz": {"core": {"current": 345}, "memory": {"current": 2619}},
+            "usage_percent": {"core": {"current": 0}, "memory": {"current": 0}},
+            "power": {"watts": 71.234, "current": 71234}, "fans": []}])",
+       "smi=0"},
+      // NVML records are refreshed through NVML alone.
+      {"H100, two refreshes", on(kH100), "--watch 0.01 --count 2", "",
+       R"([{"temperature_c": {"core": {"current": 35, "min": 32, "max": 35}},
+            "clock_mhz": {"core": {"current": 1980}, "memory": {"current": 2619}},
+            "usage_percent": {"core": {"current": 98}, "memory": {"current": 41}},
+            "power": {"watts": 688.412, "current": 688412}}])",
+       "smi=0"},
+      {"RTX 4090, three refreshes", on("nvidia-rtx4090-desktop"), "--watch 0.01 --count 3", "",
+       R"([{"fans": [{"percent": 44, "rpm": null}, {"percent": 31, "rpm": null}],
+            "power": {"watts": 28.03}}])",
+       "smi=0"},
+      // NVML reads no sub-system ids: no board name.
+      {"two boards", on("nvidia-rtx5090-rtx4080s-nvml"), "",
+       "num GPUs detected by nvidia nvml: 2|!DRM: scanning GPUs...",
+       R"([{"name": "NVIDIA GeForce RTX 5090", "use_marketing_name": false,
+            "fans": [{"percent": 30}, {"percent": 30}]},
+           {"name": "NVIDIA GeForce RTX 4080 SUPER", "bus_id": 4, "fans": [{}, {}, {}]}])",
+       "smi=0"},
+      // No devices: NVML is shut down, nvidia-smi counts none, DRM finds none.
+      {"no devices", on("nvidia-nvml-no-devices"), "", "scanning NVIDIA GPUs...|DRM: no GPU found.",
+       "[]",
+       "smi=1 nvml=nvmlInit_v2,nvmlSystemGetNVMLVersion,nvmlSystemGetDriverVersion,"
+       "nvmlDeviceGetCount_v2,nvmlShutdown"},
+      {"no CUDA library: no NVIDIA back-end", on(kH100, "lib/libcuda.so"), "",
+       "DRM: no GPU found.|!NVIDIA CUDA library detected.", "[]", "smi=0 nvml="},
+  };
+  for (const Case& c : cases) run(c);
+}
+
+TEST(NvidiaGpumon, NvidiaSmiMachinesAsAHostSeesThem) {
+  const auto answering = [](const std::string& conf) {
+    return [conf] { return Machine(kSmi).file("nvidia/nvidia-smi.conf", conf); };
+  };
+  std::string sixteen = "[{}";
+  for (int i = 1; i < 16; ++i) sixteen += ", {}";
+  const Case cases[] = {
+      // NVML refuses to start: nvidia-smi, one process per value, then DRM.
+      {"NVML refused", on(kSmi), "",
+       "NVIDIA CUDA library detected.|scanning NVIDIA GPUs...|> GPU 0|"
+       "  - name: NVIDIA GeForce RTX 5090|  - device ID: 10DE-2B85|  - subdevice ID: 10DE-2057|"
+       "  - bus ID: 1|  - driver: 570.133.07|  - vbios: 98.02.2E.00.AF|  - VRAM size: 32607 MB|"
+       "  - core usage: 3 %|  - mem usage: 1 %|  - core temperature: 38 °C|  - power: 27 W|"
+       "  - core clock: 390 MHz|  - mem clock: 405 MHz|  - ROP counter (from driver): 176|"
+       "> GPU 1|  - ROP counter (from driver): not available (err: -4)|"
+       "num GPUs detected by nvidia-smi: 2|DRM: no GPU other than NVIDIA found.|"
+       "  - name: NVIDIA GeForce RTX 5090 Founders Edition",
+       // Whole watts, and a thousandth of them in `current`; the board name
+       // from the sub-system ids.
+       R"([{"display_name": "NVIDIA GeForce RTX 5090 Founders Edition", "subvendor_id": 4318,
+            "subdevice_id": 8279, "units": {"shaders": 21760, "texture_units": 680},
+            "power": {"watts": 27, "current": 0.027},
+            "temperature_c": {"memory": {"current": null}}, "fans": []},
+           {"pci": "10DE:2702", "bus_id": 4, "units": {"rops": 112}}])",
+       "smi=29 nvml=nvmlInit_v2"},
+      // Eight nvidia-smi processes per GPU and refresh; its one fan in RPM.
+      {"refreshed", on(kSmi), "--watch 0.01 --count 2", "",
+       R"([{"fans": [{"percent": null, "rpm": 30}], "power": {"watts": 27, "current": 0.027},
+            "clock_mhz": {"core": {"current": 390, "min": 390, "max": 390}},
+            "usage_percent": {"core": {"current": 3, "min": 3, "max": 3}},
+            "temperature_c": {"memory": {"current": null}}},
+           {"fans": [{"percent": null, "rpm": 0}]}])",
+       "smi=61"},
+      // The database has no unit counts for the H100 (-1): they stay unknown.
+      {"H100 without NVML", on(kH100, "lib/libnvidia-ml.so", "lib/libnvidia-ml.so.1"), "",
+       "  - mem temperature: 30 °C|  - ROP counter (from driver): 24|"
+       "num GPUs detected by nvidia-smi: 1",
+       R"([{"temperature_c": {"memory": {"current": 30}}, "units": {"shaders": null, "rops": 24},
+            "power": {"watts": 71}}])",
+       ""},
+      // DRM skips the NVIDIA card nvidia-smi has and adds the AMD one.
+      {"NVIDIA and AMD", on("nvidia-amd-780m-rtx4060-smi"), "",
+       "num GPUs detected by nvidia-smi: 1|DRM: scanning GPUs...|> GPU 1|num GPUs in DRM: 1",
+       R"([{"name": "NVIDIA GeForce RTX 4060 Laptop GPU", "bus_id": 1},
+           {"name": "AMD Radeon 780M Graphics", "pci": "1002:15BF",
+            "usage_percent": {"core": {"current": 7}}}])",
+       ""},
+      // Answers that are no values leave a record without them.
+      {"bad answers",
+       answering("count 1\ngpu 0\nname <crash>\npci.device_id 0x12\npci.sub_device_id <nothing>\n"
+                 "pci.bus <exit 15>\ndriver_version <nothing>\nvbios_version \\x01\\x02 weird\n"
+                 "memory.total [N/A]\nutilization.gpu <crash>\nutilization.memory <nothing>\n"
+                 "temperature.gpu <nothing>\ntemperature.memory N/A\npower.draw <crash>\n"
+                 "clocks.current.sm <nothing>\nclocks.current.memory <nothing>\n"),
+       "",
+       "> GPU 0|  - vbios: \\x01\\x02 weird|  - VRAM size: 0 MB|num GPUs detected by nvidia-smi: 1",
+       R"([{"name": "", "pci": "0000:0000", "bus_id": null, "monitorable": false,
+            "usage_percent": {"core": {"current": null}}, "power": {"watts": null}}])",
+       ""},
+      // A garbled count stops once the list is full.
+      {"count -1", answering("count -1\ngpu 0\nname NVIDIA GeForce RTX 4090\n"), "", "",
+       sixteen + "]", "smi=225"},
+      // Without nvidia-smi either, DRM keeps the NVIDIA cards.
+      {"no nvidia-smi", on(kSmi, "bin/nvidia-smi"), "", "num GPUs in DRM: 2",
+       R"([{"pci": "10DE:2B85", "monitorable": false}, {"pci": "10DE:2702"}])", ""},
+  };
+  for (const Case& c : cases) run(c);
 }
 
 TEST(NvidiaGpumon, TheTableShowsTheH100) {
-  const machine::RunResult r = run_gpumon_on(Machine("nvidia-h100-sxm"), {});
+  const Machine machine(kH100);
+  nvidia_test::allow_preloading();
+  const machine::RunResult r = testing_support::run_gpumon({"--machine", machine.dir()});
   ASSERT_EQ(r.exit_code, 0) << r.err;
   EXPECT_NE(r.out.find("NVIDIA H100 80GB HBM3  GH100  16896/-/24         -      10DE:2330  24   "
                        "32 (32-32)  -      0       0      345       2619     71       -"),
             std::string::npos)
       << r.out;
-}
-
-TEST(NvidiaGpumon, TwoBoardsThroughNvmlSkipNvidiaSmiAndDrm) {
-  GpumonRun run{Machine("nvidia-rtx5090-rtx4080s-nvml")};
-  EXPECT_TRUE(run.traced("num GPUs detected by nvidia nvml: 2"));
-  EXPECT_TRUE(run.traced("  - ROP counter (from driver): 176"));
-  EXPECT_TRUE(run.traced("  - ROP counter (from driver): not available (err: -4)"));
-  EXPECT_FALSE(run.traced("DRM: scanning GPUs..."));
-  EXPECT_TRUE(run.smi_log.lines().empty());
-  ASSERT_EQ(run.doc["gpus"].size(), 2u);
-  EXPECT_EQ(run.gpu(0)["name"], "NVIDIA GeForce RTX 5090");
-  EXPECT_EQ(run.gpu(0)["fans"].size(), 2u);
-  EXPECT_EQ(run.gpu(1)["name"], "NVIDIA GeForce RTX 4080 SUPER");
-  EXPECT_EQ(run.gpu(1)["bus_id"], 4);
-  EXPECT_EQ(run.gpu(1)["fans"].size(), 3u);
-  // NVML does not read sub-system ids: no board name.
-  EXPECT_EQ(run.gpu(0)["use_marketing_name"], false);
-}
-
-TEST(NvidiaGpumon, WhenNvmlFailsNvidiaSmiAndThenDrmAreAsked) {
-  GpumonRun run{Machine("nvidia-rtx5090-rtx4080s-smi")};
-  std::vector<std::string> expected = {
-      "Linux x86_64 - CPU name: AMD Ryzen 9 9950X 16-Core Processor, CPU speed: 4300MHz, RAM: "
-      "128000MB",
-      "Operating system detected: Linux 6.11.0-19-generic 64-bit",
-      "NVIDIA CUDA library detected.",
-  };
-  const std::vector<std::string> scan = rtx5090_rtx4080s_smi_scan_block();
-  expected.insert(expected.end(), scan.begin(), scan.end());
-  expected.insert(expected.end(), {
-      "num GPUs detected by nvidia-smi: 2",
-      "DRM: scanning GPUs...",
-      "DRM: no GPU other than NVIDIA found.",
-      "Num GPUs detected: 2",
-      "> GPU0",
-      "  - name: NVIDIA GeForce RTX 5090 Founders Edition",
-      "  - PCI codes: 0x10DE-0x2B85",
-      "  - Bus ID: 1",
-      "  - VBIOS: 98.02.2E.00.AF",
-      "  - core temperature: 38 degC",
-      "  - driver: 570.133.07",
-      "> GPU1",
-      "  - name: NVIDIA GeForce RTX 4080 SUPER",
-      "  - PCI codes: 0x10DE-0x2702",
-      "  - Bus ID: 4",
-      "  - VBIOS: 95.03.2C.40.94",
-      "  - core temperature: 35 degC",
-      "  - driver: 570.133.07",
-  });
-  EXPECT_EQ(run.traces(), expected);
-  // NVML was started once and, having failed, neither shut down nor asked
-  // anything else.
-  EXPECT_EQ(run.nvml_log.lines(), std::vector<std::string>{"nvmlInit_v2"});
-  EXPECT_EQ(run.smi_log.lines().size(), 1u + 2 * 14);
-  // The board name comes from the sub-system ids nvidia-smi reported.
-  EXPECT_EQ(run.gpu(0)["display_name"], "NVIDIA GeForce RTX 5090 Founders Edition");
-  EXPECT_EQ(run.gpu(0)["subvendor_id"], 0x10DE);
-  EXPECT_EQ(run.gpu(0)["subdevice_id"], 0x2057);
-  EXPECT_EQ(run.gpu(0)["driver_version"], "570.133.07");
-  EXPECT_EQ(run.gpu(0)["power"]["watts"], 27.0);
-}
-
-TEST(NvidiaGpumon, WithNvmlTheAmdCardGetsNoRecord) {
-  GpumonRun run{Machine("nvidia-amd-780m-rtx4060-nvml")};
-  ASSERT_EQ(run.doc["gpus"].size(), 1u);
-  EXPECT_EQ(run.gpu(0)["name"], "NVIDIA GeForce RTX 4060 Laptop GPU");
-  EXPECT_FALSE(run.traced("DRM: scanning GPUs..."));
-}
-
-TEST(NvidiaGpumon, WithoutNvmlDrmAddsTheAmdCardAndSkipsTheNvidiaCard) {
-  GpumonRun run{Machine("nvidia-amd-780m-rtx4060-smi")};
-  EXPECT_TRUE(run.traced("num GPUs detected by nvidia-smi: 1"));
-  EXPECT_TRUE(run.traced("num GPUs in DRM: 1"));
-  // The DRM scan creates card1 only; card0 is the NVIDIA card.
-  EXPECT_TRUE(run.traced("> GPU 1"));
-  ASSERT_EQ(run.doc["gpus"].size(), 2u) << run.result.out;
-  EXPECT_EQ(run.gpu(0)["name"], "NVIDIA GeForce RTX 4060 Laptop GPU");
-  EXPECT_EQ(run.gpu(0)["bus_id"], 1);
-  EXPECT_EQ(run.gpu(1)["name"], "AMD Radeon 780M Graphics");
-  EXPECT_EQ(run.gpu(1)["pci"], "1002:15BF");
-  EXPECT_EQ(run.gpu(1)["usage_percent"]["core"]["current"], 7.0);
-}
-
-TEST(NvidiaGpumon, WithoutNvidiaSmiEitherDrmKeepsTheNvidiaCards) {
-  GpumonRun run{Machine("nvidia-rtx5090-rtx4080s-smi").remove("bin/nvidia-smi")};
-  EXPECT_FALSE(run.traced("num GPUs detected by nvidia-smi: 0"));
-  EXPECT_TRUE(run.traced("num GPUs in DRM: 2"));
-  ASSERT_EQ(run.doc["gpus"].size(), 2u);
-  EXPECT_EQ(run.gpu(0)["pci"], "10DE:2B85");
-  EXPECT_EQ(run.gpu(0)["monitorable"], false);  // no hwmon, no busy file
-}
-
-TEST(NvidiaGpumon, NoNvmlDevicesEndsWithNoGpu) {
-  GpumonRun run{Machine("nvidia-nvml-no-devices")};
-  const std::vector<std::string> nvml = {"nvmlInit_v2", "nvmlSystemGetNVMLVersion",
-                                         "nvmlSystemGetDriverVersion", "nvmlDeviceGetCount_v2",
-                                         "nvmlShutdown"};
-  EXPECT_EQ(run.nvml_log.lines(), nvml);
-  EXPECT_EQ(run.smi_log.lines(),
-            std::vector<std::string>{"nvidia-smi --query-gpu=count --format=csv,noheader"});
-  EXPECT_TRUE(run.traced("scanning NVIDIA GPUs..."));
-  EXPECT_FALSE(run.traced("num GPUs detected by nvidia-smi: 0"));
-  EXPECT_TRUE(run.traced("DRM: no GPU found."));
-  EXPECT_TRUE(run.doc["gpus"].empty());
-}
-
-TEST(NvidiaGpumon, OnlyTheVersionedLibraryIsEnough) {
-  GpumonRun run{Machine("nvidia-nvml-versioned-only")};
-  EXPECT_TRUE(run.traced("num GPUs detected by nvidia nvml: 1"));
-  ASSERT_EQ(run.doc["gpus"].size(), 1u);
-  EXPECT_EQ(run.gpu(0)["name"], "NVIDIA RTX A4000");
-  EXPECT_EQ(run.gpu(0)["fans"][0]["percent"], 41.0);
-}
-
-TEST(NvidiaGpumon, WithoutTheCudaLibraryNoNvidiaBackEndRuns) {
-  GpumonRun run{Machine("nvidia-h100-sxm").remove("lib/libcuda.so")};
-  EXPECT_FALSE(run.traced("NVIDIA CUDA library detected."));
-  EXPECT_TRUE(run.nvml_log.lines().empty());
-  EXPECT_TRUE(run.smi_log.lines().empty());
-  EXPECT_TRUE(run.traced("DRM: no GPU found."));
-  EXPECT_TRUE(run.doc["gpus"].empty());
-}
-
-TEST(NvidiaGpumon, RefreshesBringNewNvmlReadings) {
-  GpumonRun run(Machine("nvidia-h100-sxm"), {"--watch", "0.01", "--count", "3"});
-  const std::vector<std::string> docs = lines_of(run.result.out);
-  ASSERT_EQ(docs.size(), 3u);
-  std::vector<double> temperatures;
-  for (const std::string& d : docs) {
-    temperatures.push_back(json::parse(d)["gpus"][0]["temperature_c"]["core"]["current"]);
-  }
-  EXPECT_EQ(temperatures, (std::vector<double>{33.0, 35.0, 34.0}));
-  EXPECT_EQ(json::parse(docs[2])["gpus"][0]["temperature_c"]["core"]["max"], 35.0);
-  EXPECT_TRUE(run.smi_log.lines().empty());
-}
-
-TEST(NvidiaGpumon, EachRefreshOfAnNvidiaSmiGpuStartsEightProcesses) {
-  GpumonRun run(Machine("nvidia-rtx5090-rtx4080s-smi"), {"--watch", "0.01", "--count", "2"});
-  EXPECT_EQ(run.smi_log.lines().size(), 1u + 2 * 14 + 2 * 2 * 8);
 }
 
 }  // namespace

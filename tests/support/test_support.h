@@ -99,6 +99,9 @@ class TempMachine {
   std::string dir_;
 };
 
+// The lines of a text, without their newlines.
+std::vector<std::string> lines_of(const std::string& text);
+
 // Reads a whole file ("" when it cannot be read).
 std::string read_file(const std::string& path);
 
