@@ -92,7 +92,9 @@ GpuMonitorVorn::GpuMonitorVorn()
 
 // The host calls terminate() before destroying the monitor; destruction
 // itself releases nothing else.
-GpuMonitorVorn::~GpuMonitorVorn() = default;
+// A host may fill the OpenGL snapshot and destroy the monitor without
+// terminate: the extension names go with the monitor.
+GpuMonitorVorn::~GpuMonitorVorn() { delete[] gl_extensions; }
 
 bool GpuMonitorVorn::initialize() {
   if (initialized) return true;

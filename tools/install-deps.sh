@@ -7,6 +7,8 @@ packages=(
   cmake ninja-build g++ make pkg-config python3
   libgtest-dev libgmock-dev libbenchmark-dev
   nlohmann-json3-dev
+  libegl-dev libgl-dev libegl-mesa0 libgl1-mesa-dri
+  libpng-dev libfreetype-dev libstb-dev fonts-dejavu-core
 )
 
 missing=()

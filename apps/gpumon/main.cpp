@@ -12,6 +12,7 @@
 #include "lookup.h"
 #include "machine.h"
 #include "options.h"
+#include "overlay.h"
 #include "plugin_loader.h"
 #include "report.h"
 #include "zev/trace.h"
@@ -128,15 +129,26 @@ int main(int argc, char** argv) {
   sigaction(SIGINT, &action, nullptr);
   sigaction(SIGTERM, &action, nullptr);
 
+  if (options.gl_info) {
+    const int code = show_gl_info(monitor, options);
+    monitor->terminate();
+    library.destroy(monitor);
+    zev::set_trace_sink(nullptr, nullptr);
+    return code;
+  }
+
   monitor->initialize();
   if (!options.json) std::printf("\n");
 
+  UsageHistory history;
   if (options.watch_seconds <= 0) {
+    record_usages(monitor, &history);
     show(monitor, options, &traces);
   } else {
     const bool tty = isatty(STDOUT_FILENO) && !options.json;
     for (long refresh = 1; !g_interrupted; ++refresh) {
       monitor->update_dynamic_data();
+      record_usages(monitor, &history);
       if (tty) std::printf("\033[H\033[2J");
       if (!options.json) {
         std::printf("gpumon: refresh %ld, every %g s (Ctrl-C to stop)\n\n", refresh,
@@ -148,8 +160,11 @@ int main(int argc, char** argv) {
     }
   }
 
+  int code = 0;
+  if (!options.overlay.empty()) code = render_overlay(monitor, options, history);
+
   monitor->terminate();
   library.destroy(monitor);
   zev::set_trace_sink(nullptr, nullptr);
-  return 0;
+  return code;
 }

@@ -11,6 +11,13 @@ struct Options {
   std::string machine;         // fake machine folder
   std::string plugin;          // plug-in library path ("" : next to gpumon)
   std::string lookup;          // VENDOR:DEVICE[:REV] to look up in the GPU database
+  std::string overlay;         // PNG file to render the overlay into ("": none)
+  int overlay_width = 800;     // --size
+  int overlay_height = 400;
+  int gl_major = 3;            // --gl: 3.3 (GLSL 1.50) or 2.1 (GLSL 1.20)
+  int gl_minor = 3;
+  std::string text = "v5";     // --text: simplified, v2, v3, v4 or v5
+  bool gl_info = false;        // --gl-info
 };
 
 // Parses argv; on a bad command line returns false with a message in *error.
