@@ -152,6 +152,14 @@ TEST(OverlayText, EachPathWritesItsLines) {
     const std::vector<unsigned char> image = h.read_pixels();
     EXPECT_GT(o.magenta_in(image, p.x0, p.y0, p.x1, p.y1), 30);
   }
+  // v5 without usage: the temperature line, no usage line and no bar.
+  h.clear(0, 0, 0, 1);
+  ASSERT_TRUE(o.monitor->draw_gpu_data_v5(r, 10, 10, kW - 20, kH - 20, h.font(), h.text_program(),
+                                          h.text_camera(), 1.0f, 0, 0, 16, false));
+  const std::vector<unsigned char> image = h.read_pixels();
+  EXPECT_GT(o.magenta_in(image, 40, 40, 300, 56), 30);
+  EXPECT_EQ(o.magenta_in(image, 40, 56, 300, 72), 0);
+  EXPECT_EQ(bar_end(o, image, (kH - 20) + 10 + 10 - 85), -1);
 }
 
 // Two GPUs: no bar for the one whose usage cannot be read, and no text for
@@ -303,6 +311,13 @@ TEST(GpumonOverlay, ImagesSnapshotsAndClearErrors) {
     EXPECT_NE(r.err.find(message), std::string::npos) << r.err;
     EXPECT_EQ(read_file(png), "") << "nothing half-written";
   }
+  // No EGL at all: glvnd finds no vendor library.
+  setenv("__EGL_VENDOR_LIBRARY_FILENAMES", "/nonexistent.json", 1);
+  const machine::RunResult none = run_gpumon({"--gl-info"});
+  unsetenv("__EGL_VENDOR_LIBRARY_FILENAMES");
+  EXPECT_EQ(none.exit_code, 4);
+  EXPECT_NE(none.err.find("no OpenGL context: no EGL display could be opened"), std::string::npos)
+      << none.err;
 }
 
 }  // namespace
