@@ -255,10 +255,20 @@ class GpuMonitorVorn : public zev::GpuMonitor {
                                 int* watts);
 
   // Raspberry Pi back-end (backends/rpi/).
+  bool linux_arm64_rpi_init_gpus();
   bool linux_arm64_rpi_read_gpu_core_clock(float* mhz);
   bool linux_arm64_rpi_read_gpu_usage_v2(zev::GPU* gpu, float* percent);
   bool linux_arm64_rpi_read_gpu_usage_v1(zev::GPU* gpu, float* percent);
   bool linux_arm64_rpi_read_gpu_core_temp(float* celsius);
+
+  // Command-line legacy readers (backends/drm/legacy_command_readers.cpp).
+  bool linux_read_num_gpus(unsigned long* count);
+  bool linux_read_gpu_pci_codes(unsigned long index, unsigned long* vendor, unsigned long* device);
+  bool linux_read_gpu_pci_rev(unsigned long index, char* revision);
+  bool linux_read_gpu_name(unsigned long index, char* name);
+  bool linux_amd_is_gpu_core_temp_sensor_available(unsigned long adapter);
+  bool linux_amd_gpu_get_core_temp(unsigned long adapter, float* celsius);
+  bool linux_amd_gpu_get_bios_string(unsigned long adapter, char* text);
 
   // --- fields; the lists come first ---
   zev::GPU* gpus[kMaxGpus];

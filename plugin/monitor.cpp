@@ -101,6 +101,10 @@ bool GpuMonitorVorn::initialize() {
 
   _init_system_info();
   init_gpus_linux();
+  // A Raspberry Pi's V3D GPU has no PCI identity: on a Pi 3, 4 or 5 its
+  // discovery runs after the DRM scan (which still finds a PCI card on a
+  // Pi 5). On other machines it finds no Pi board and adds nothing.
+  linux_arm64_rpi_init_gpus();
   update_all_gpus_marketing_name();
   sort_gpus_by_bus_id();
 

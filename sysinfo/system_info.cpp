@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "backends/rpi/rpi_board.h"
 #include "plugin/gpu_monitor_vorn.h"
 #include "zev/utils.h"
 
@@ -18,6 +19,13 @@ bool GpuMonitorVorn::_init_cpu_name() {
   char name[128];
   std::memset(name, 0, sizeof name);
   linux_read_cpu_name(name);
+  // On a Raspberry Pi 3, 4 or 5 the CPU name is the board model, which also
+  // tells the Pi's GPU discovery which board this is. Elsewhere the board
+  // model line is absent or names no Pi, and nothing changes.
+  char model[128];
+  std::memset(model, 0, sizeof model);
+  if (linux_arm64_rpi_read_cpu_name(model) && raspberry_pi_model(model))
+    copy_text(name, sizeof name, model);
   copy_text(cpu_name, sizeof cpu_name, name);
 
   unsigned long mhz = 0;

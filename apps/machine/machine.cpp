@@ -27,6 +27,23 @@ namespace machine {
 
 namespace {
 
+// A sequence value with "\t", "\n" and "\s" standing for a tab, a line end
+// and a blank, so that one value can be a whole table (the V3D statistics
+// file) or a sentence.
+std::string unescape(const std::string& word) {
+  std::string text;
+  for (size_t i = 0; i < word.size(); ++i) {
+    const char next = i + 1 < word.size() ? word[i + 1] : '\0';
+    if (word[i] == '\\' && (next == 't' || next == 'n' || next == 's')) {
+      text += next == 't' ? '\t' : (next == 'n' ? '\n' : ' ');
+      ++i;
+    } else {
+      text += word[i];
+    }
+  }
+  return text;
+}
+
 // GPU tools the plug-in may run. Inside a machine that does not provide one,
 // it is "not found", whatever the real system has installed.
 const char* const kKnownTools[] = {"nvidia-smi", "nvidia-settings", "vcgencmd", "lspci",
@@ -335,7 +352,7 @@ bool load_sequences(const std::string& staging, const std::string& staged, std::
       if (word == "<absent>") {
         value.absent = true;
       } else if (word != "<empty>") {
-        value.text = word + "\n";
+        value.text = unescape(word) + "\n";
       }
       sequence.values.push_back(value);
     }

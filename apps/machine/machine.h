@@ -23,7 +23,8 @@
 //
 //   sys/devices/pci0000:00/0000:00:01.1/.../hwmon/hwmon3/temp1_input  52000 57000 61000
 //
-// Each value is written as one line (the value and a newline); "<empty>"
+// Each value is written as one line (the value and a newline), "\t", "\n"
+// and "\s" in it standing for a tab, a line end and a blank; "<empty>"
 // stands for an empty file and "<absent>" for no file at all. The file holds
 // the first value once the machine is entered; after the last value the
 // series starts again from the first. Values move on in one of two ways:

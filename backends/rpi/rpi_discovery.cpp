@@ -1,0 +1,101 @@
+// Raspberry Pi discovery: the VideoCore V3D block has no PCI identity, so one
+// record is made from the board model (the monitor's CPU name on a Pi) and a
+// board table, and given first readings of the three Pi readers.
+#include <cstring>
+
+#include "backends/rpi/rpi_board.h"
+#include "plugin/gpu_monitor_vorn.h"
+
+namespace {
+
+struct Board {
+  const char* model;
+  const char* name;
+  const char* codename;
+  int shaders, tmus, rops, tdp;
+};
+
+// Tried in this order; a later match would overwrite an earlier one.
+const Board kBoards[] = {
+    {"Raspberry Pi 5", "VideoCore 7", "BCM2712-V3D", 64, 4, -1, -1},
+    {"Raspberry Pi 4", "VideoCore 6", "BCM2711-V3D", 16, 2, -1, -1},
+    {"Raspberry Pi 3", "VideoCore 4", "BCM2837-V3D", -1, -1, -1, -1},
+};
+
+constexpr unsigned long kVendorBroadcom = 0x14E4;
+
+}  // namespace
+
+bool raspberry_pi_model(const char* text) {
+  if (text == nullptr) return false;
+  for (const Board& board : kBoards)
+    if (std::strstr(text, board.model) != nullptr) return true;
+  return false;
+}
+
+bool GpuMonitorVorn::linux_arm64_rpi_init_gpus() {
+  const char* model = get_cpu_name();
+  if (!raspberry_pi_model(model)) return false;
+
+  tracef("Raspberry Pi (arm64) platform: reading GPU info...");
+  zev::GPU* gpu = create_gpu();
+  tracef("> GPU %d", static_cast<int>(gpu->index));
+  gpu->drm_card_index = -1;
+  gpu->drm_hwmon_index = -1;
+  gpu->vendor_id = kVendorBroadcom;
+  tracef("  - vendor ID: %4X (Broadcom)", static_cast<unsigned>(gpu->vendor_id));
+
+  for (const Board& board : kBoards) {
+    if (std::strstr(model, board.model) == nullptr) continue;
+    gpu->device_id = 0;
+    std::memset(gpu->name, 0, sizeof gpu->name);
+    copy_text(gpu->name, sizeof gpu->name, board.name);
+    std::memset(gpu->codename, 0, sizeof gpu->codename);
+    copy_text(gpu->codename, sizeof gpu->codename, board.codename);
+    tracef("  - name: %s (codename: %s)", gpu->name, gpu->codename);
+    gpu->num_shader_cores = static_cast<uint32_t>(board.shaders);
+    gpu->num_texture_units = static_cast<uint32_t>(board.tmus);
+    gpu->num_rops = static_cast<uint32_t>(board.rops);
+    gpu->tdp_w = static_cast<uint32_t>(board.tdp);
+    if (board.shaders > 0) {
+      tracef("  - cores: %d", board.shaders);
+      tracef("  - TMUs: %d", board.tmus);
+    }
+    gpu->gpu_kind = 2;
+    if (std::strcmp(board.model, "Raspberry Pi 5") == 0)
+      copy_text(gpu->identifier, sizeof gpu->identifier, "_UNKNOWN_");
+  }
+
+  float celsius = -1.0f;
+  if (linux_arm64_rpi_read_gpu_core_temp(&celsius)) {
+    gpu->temperatures[0].current = celsius;
+    gpu->temperatures[0].update_min_max();
+    tracef("  - GPU temperature: %.1f \xC2\xB0" "C", static_cast<double>(celsius));
+    gpu->sensor_available[0] = 1;
+    gpu->monitorable = true;
+  }
+
+  // The first statistics read only primes the previous values; the second
+  // gives a real difference.
+  float usage = -1.0f;
+  if (linux_arm64_rpi_read_gpu_usage_v2(gpu, &usage)) {
+    linux_arm64_rpi_read_gpu_usage_v2(gpu, &usage);
+    gpu->rpi_usage_method = 2;
+  } else if (linux_arm64_rpi_read_gpu_usage_v1(gpu, &usage)) {
+    gpu->rpi_usage_method = 1;
+  }
+  if (usage >= 0.0f) {
+    gpu->core_usage[0] = usage;
+    tracef("  - core usage (v%d): %.1f %%", gpu->rpi_usage_method, static_cast<double>(usage));
+    gpu->sensor_available[2] = 1;
+    gpu->monitorable = true;
+  }
+
+  if (gpu->monitorable) ++num_monitorable_gpus;
+
+  float mhz = -1.0f;
+  if (!linux_arm64_rpi_read_gpu_core_clock(&mhz)) return true;
+  gpu->core_clock.current = mhz;
+  tracef("  - core clock: %.1f MHz", static_cast<double>(mhz));
+  return true;
+}
