@@ -9,6 +9,7 @@ packages=(
   nlohmann-json3-dev
   libegl-dev libgl-dev libegl-mesa0 libgl1-mesa-dri
   libpng-dev libfreetype-dev libstb-dev fonts-dejavu-core
+  g++-aarch64-linux-gnu
 )
 
 missing=()

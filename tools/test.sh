@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds everything and runs every test: once plain, once under
 # AddressSanitizer with UndefinedBehaviorSanitizer; then the update thread's
-# tests under ThreadSanitizer.
+# tests under ThreadSanitizer; between the two, it builds the plug-in for
+# 64-bit Arm boards.
 # The tests lay out fake machines in private mount namespaces: run as root
 # (or where unprivileged user namespaces are allowed).
 set -euo pipefail
@@ -22,6 +23,13 @@ cmake --build build-asan -j"$jobs"
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=0 UBSAN_OPTIONS=print_stacktrace=1 \
   LSAN_OPTIONS="suppressions=$PWD/tools/lsan.supp" \
   ctest --test-dir build-asan -j"$jobs" --output-on-failure
+
+echo "== arm64 cross build of the plug-in (Raspberry Pi boards)"
+cmake -S . -B build-arm64 -G Ninja -DCMAKE_TOOLCHAIN_FILE=cmake/aarch64-linux-gnu.cmake \
+  -DZEV_PLUGIN_ONLY=ON >/dev/null
+cmake --build build-arm64 -j"$jobs"
+readelf -h build-arm64/bin/plugin_zev_gpumon_x64.so | grep -q 'Machine:.*AArch64'
+echo "build-arm64/bin/plugin_zev_gpumon_x64.so: AArch64 shared library"
 
 echo "== ThreadSanitizer build: the update thread and the refresh it runs"
 # Only the races the design has (tools/tsan.supp names them) are allowed.
