@@ -50,7 +50,6 @@ class GlRenderer : public Renderer {
   GLuint stream_buffer_ = 0;
   GLuint vertex_array_ = 0;
   GLsizeiptr stream_size_ = 0;
-  int extension_count_ = -1;
 };
 
 }  // namespace zev
