@@ -5,6 +5,7 @@
 
 #include <pthread.h>
 
+#include <atomic>
 #include <cstdint>
 #include <string>
 
@@ -275,9 +276,10 @@ class GpuMonitorVorn : public zev::GpuMonitor {
   uint64_t num_gpus;
   zev::GPU* nvml_gpus[kMaxGpus];
   uint64_t nvml_gpus_count;
-  bool update_thread_quit;
-  bool update_enabled;
-  uint64_t update_period_ms;
+  // Written by the host's thread, read by the update thread on each pass.
+  std::atomic<bool> update_thread_quit;
+  std::atomic<bool> update_enabled;
+  std::atomic<uint64_t> update_period_ms;
   char cpu_name[128];
   uint32_t cpu_logical_cores;
   uint32_t cpu_physical_cores;

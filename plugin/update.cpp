@@ -1,33 +1,11 @@
 // Refresh of the GPU records and the optional update thread.
 //
 // No lock exists here by design: the update thread writes sensor values
-// while the host thread reads them, each value a single 32-bit store, and
-// the quit and enable flags are plain bytes polled once per period.
+// while the host thread reads them, each value a single 32-bit store. The
+// quit and enable flags (bytes) and the period are read once per pass; they
+// are relaxed atomics, which cost what plain fields do and order nothing else.
 #include "plugin/gpu_monitor_vorn.h"
 #include "zev/thread.h"
-
-// Out of line and out of interprocedural optimisation: the access below is
-// made by this very function, never moved into its caller.
-#if defined(__clang__)
-#define ZEV_OUT_OF_LINE __attribute__((noinline))
-#else
-#define ZEV_OUT_OF_LINE __attribute__((noipa))
-#endif
-
-namespace {
-
-// The update thread's polls of the two flags the host thread writes. Kept
-// out of line so that race reports (and their suppressions) can name
-// exactly these reads.
-ZEV_OUT_OF_LINE bool update_thread_quit_requested(const GpuMonitorVorn* monitor) {
-  return monitor->update_thread_quit == 1;
-}
-
-ZEV_OUT_OF_LINE bool update_thread_updates_enabled(const GpuMonitorVorn* monitor) {
-  return monitor->update_enabled;
-}
-
-}  // namespace
 
 bool GpuMonitorVorn::update_dynamic_data() {
   const unsigned long n = get_num_gpus();
@@ -51,9 +29,9 @@ bool GpuMonitorVorn::update_dynamic_data() {
 // Sleeps a full period on every pass, also while updating is disabled.
 void* GpuMonitoring_Update_Thread(void* arg) {
   GpuMonitorVorn* monitor = static_cast<GpuMonitorVorn*>(arg);
-  while (!update_thread_quit_requested(monitor)) {
-    if (update_thread_updates_enabled(monitor)) monitor->update_dynamic_data();
-    zev::ThreadSleep(monitor->update_period_ms);
+  while (!monitor->update_thread_quit.load(std::memory_order_relaxed)) {
+    if (monitor->update_enabled.load(std::memory_order_relaxed)) monitor->update_dynamic_data();
+    zev::ThreadSleep(monitor->update_period_ms.load(std::memory_order_relaxed));
   }
   pthread_exit(nullptr);
   return nullptr;
@@ -61,11 +39,15 @@ void* GpuMonitoring_Update_Thread(void* arg) {
 
 bool GpuMonitorVorn::start_update_thread(unsigned long period_ms) {
   if (get_num_gpus() == 0) return false;
-  update_period_ms = period_ms;
+  update_period_ms.store(period_ms, std::memory_order_relaxed);
+  // Deliberately one thread at most: while one runs, a start only changes
+  // its period (taken up after the current sleep). Starting a second thread
+  // would lose the first one's handle, and that thread, never joined, would
+  // go on reading the monitor after it is destroyed.
+  if (update_thread != 0) return true;
   // The quit flag is not cleared: a thread started after a stop leaves its
-  // loop at once. A second start without a stop loses the first handle.
-  // A thread that could not be created leaves no handle to join; the start
-  // still reports success, as hosts expect.
+  // loop at once. A thread that could not be created leaves no handle to
+  // join; the start still reports success, as hosts expect.
   pthread_t thread;
   update_thread = pthread_create(&thread, nullptr, GpuMonitoring_Update_Thread, this) == 0 ? thread : 0;
   return true;
@@ -73,7 +55,7 @@ bool GpuMonitorVorn::start_update_thread(unsigned long period_ms) {
 
 bool GpuMonitorVorn::stop_update_thread() {
   if (update_thread == 0) return true;
-  update_thread_quit = 1;
+  update_thread_quit.store(true, std::memory_order_relaxed);
   // Waits for the current sleep to end: up to one period.
   pthread_join(update_thread, nullptr);
   update_thread = 0;

@@ -3,7 +3,8 @@
 // lands in the record. Refresh: what update_dynamic_data stores as the
 // machine's values move on. Thread: started only with GPUs, refreshing every
 // period while enabled, stopped within a period, not restartable once stopped
-// (the quit flag stays set, by design), and stopped by terminate.
+// (the quit flag stays set, by design), one at a time (a second start only
+// changes the period), and stopped by terminate.
 //
 // The thread writes sensor values that these tests read without a lock, as a
 // host does; tools/tsan.supp names exactly those races.
@@ -268,6 +269,34 @@ TEST_F(UpdateThread, StopWaitsForTheSleepAndARestartLeavesAtOnce) {
   std::this_thread::sleep_for(milliseconds(100));
   EXPECT_EQ(temperature(), 52.0f);
   EXPECT_LT(time_of([&] { EXPECT_TRUE(monitor_.stop_update_thread()); }), kSlack);
+}
+
+TEST_F(UpdateThread, ASecondStartOnlyChangesThePeriod) {
+  ASSERT_TRUE(monitor_.start_update_thread(20));
+  const pthread_t first = monitor_.update_thread;
+  ASSERT_TRUE(monitor_.start_update_thread(30));
+  EXPECT_TRUE(pthread_equal(monitor_.update_thread, first));
+  EXPECT_EQ(monitor_.update_period_ms, 30u);
+  EXPECT_TRUE(monitor_.stop_update_thread());
+  EXPECT_EQ(monitor_.update_thread, pthread_t(0));
+}
+
+// A long run at a short period while the host reads what the thread writes:
+// long enough for the sanitizers to lose old stacks (the races it has are
+// named by tools/tsan.supp on the writing side).
+TEST(UpdateThreadThroughThePlugin, LongRunAtAShortPeriod) {
+  ASSERT_TRUE(g_plugin_loaded_throughout.ok());
+  ENTER_HOST(host, kRx7900xtx);
+  ASSERT_TRUE(host->start_update_thread(2));
+  ASSERT_TRUE(host->start_update_thread(2));
+  const zev::GPU* gpu = host->get_gpu(0);
+  float seen = 0.0f;
+  for (const Clock::time_point end = Clock::now() + milliseconds(2000); Clock::now() < end;) {
+    seen += gpu->temperatures[0].current + gpu->core_usage[0] + gpu->power.watts;
+    std::this_thread::sleep_for(milliseconds(1));
+  }
+  EXPECT_GT(seen, 0.0f);
+  EXPECT_TRUE(host->terminate());
 }
 
 TEST(UpdateThreadThroughThePlugin, StartRefreshTerminate) {
