@@ -1,4 +1,5 @@
 #include "machine.h"
+#include "machine_folder.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -60,12 +61,10 @@ struct Sequence {
     std::string text;  // the file's whole content
   };
   std::string path;  // the file in the staged copy, no symlink on the way
-  std::string dir;   // its folder (watched by the follower)
-  std::string name;  // its name in that folder
   std::string temp;  // scratch file on the same tmpfs, for atomic updates
   std::vector<Value> values;
   size_t current = 0;  // index of the value in place
-  int watch = -1;      // the follower's watch on `dir`
+  int watch = -1;      // the follower's one-shot watch on the file in place
   bool read = false;   // read since the follower last moved values on
 };
 
@@ -277,11 +276,20 @@ bool set_environment(const std::string& machine_name, const std::string& staged,
   return load_machine_env(staged, error);
 }
 
-// Writes value `index` of a sequence in place, with system calls only.
-bool put_value(const Sequence& sequence, size_t index) {
-  const Sequence::Value& value = sequence.values[index];
-  if (value.absent) return unlink(sequence.path.c_str()) == 0 || errno == ENOENT;
-  const int fd = open(sequence.temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+// The follower's watch on a file: one event, for the first time the file is
+// closed after reading; the kernel then drops the watch by itself.
+int watch_first_read(int notify, const char* path) {
+  return inotify_add_watch(notify, path, IN_CLOSE_NOWRITE | IN_ONESHOT);
+}
+
+// Writes value `index` of a sequence in place, with system calls only. With
+// an inotify descriptor (the follower's), the new file is watched before it
+// takes the old one's place, so that no read of it goes unseen.
+bool put_value(Sequence* sequence, size_t index, int notify = -1) {
+  const Sequence::Value& value = sequence->values[index];
+  sequence->watch = -1;
+  if (value.absent) return unlink(sequence->path.c_str()) == 0 || errno == ENOENT;
+  const int fd = open(sequence->temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
   if (fd < 0) return false;
   size_t done = 0;
   while (done < value.text.size()) {
@@ -294,12 +302,13 @@ bool put_value(const Sequence& sequence, size_t index) {
     done += static_cast<size_t>(n);
   }
   close(fd);
-  return rename(sequence.temp.c_str(), sequence.path.c_str()) == 0;
+  if (notify >= 0) sequence->watch = watch_first_read(notify, sequence->temp.c_str());
+  return rename(sequence->temp.c_str(), sequence->path.c_str()) == 0;
 }
 
-bool advance(Sequence* sequence) {
+bool advance(Sequence* sequence, int notify = -1) {
   sequence->current = (sequence->current + 1) % sequence->values.size();
-  return put_value(*sequence, sequence->current);
+  return put_value(sequence, sequence->current, notify);
 }
 
 bool path_within(const fs::path& path, const fs::path& root) {
@@ -343,8 +352,6 @@ bool load_sequences(const std::string& staging, const std::string& staged, std::
 
     Sequence sequence;
     sequence.path = target.string();
-    sequence.dir = dir.string();
-    sequence.name = rel.filename().string();
     sequence.temp = staging + "/sequence-" + std::to_string(g_state.sequences.size()) + ".tmp";
     std::string word;
     while (words >> word) {
@@ -357,16 +364,19 @@ bool load_sequences(const std::string& staging, const std::string& staged, std::
       sequence.values.push_back(value);
     }
     if (sequence.values.empty()) return fail(error, where + relative + " has no values");
-    if (!put_value(sequence, 0)) return fail(error, errno_text(where + "cannot write " + relative));
+    if (!put_value(&sequence, 0)) return fail(error, errno_text(where + "cannot write " + relative));
     g_state.sequences.push_back(sequence);
   }
   return true;
 }
 
-// The follower: once the reads of sequenced files pause for kQuietMs, every
-// file read since the last pause moves on to its next value. A monitor's
-// refresh (or its first scan, which may read a file more than once) is one
-// such burst of reads. Runs in a forked child and makes system calls only.
+// The follower: once kQuietMs pass without a sequenced file being read for
+// the first time since it took its value, every file read since the last
+// pause moves on to its next value. A monitor's refresh (or its first scan,
+// which may read a file more than once) is one such burst of reads. Each
+// file is watched itself, not its folder, and only until its first read, so
+// the reader's other reads cost nothing and the follower wakes at most once
+// per file and value. Runs in a forked child and makes system calls only.
 constexpr int kQuietMs = 50;
 
 [[noreturn]] void follow(int ready_fd) {
@@ -380,7 +390,8 @@ constexpr int kQuietMs = 50;
   const int notify = inotify_init1(IN_CLOEXEC);
   if (notify < 0) _exit(1);
   for (Sequence& sequence : g_state.sequences) {
-    sequence.watch = inotify_add_watch(notify, sequence.dir.c_str(), IN_CLOSE_NOWRITE);
+    if (sequence.values[sequence.current].absent) continue;
+    sequence.watch = watch_first_read(notify, sequence.path.c_str());
     if (sequence.watch < 0) _exit(1);
   }
   const char ready = 1;
@@ -398,7 +409,7 @@ constexpr int kQuietMs = 50;
       // The burst is over. A file that is absent for now cannot be read; it
       // comes back after a burst of reads of the others.
       for (Sequence& sequence : g_state.sequences) {
-        if (sequence.read || sequence.values[sequence.current].absent) advance(&sequence);
+        if (sequence.read || sequence.values[sequence.current].absent) advance(&sequence, notify);
         sequence.read = false;
       }
       burst = false;
@@ -410,9 +421,9 @@ constexpr int kQuietMs = 50;
     for (char* p = buffer; p < buffer + n;) {
       const auto* event = reinterpret_cast<const struct inotify_event*>(p);
       p += sizeof(struct inotify_event) + event->len;
-      if ((event->mask & IN_ISDIR) != 0 || event->len == 0) continue;
+      if ((event->mask & IN_CLOSE_NOWRITE) == 0) continue;  // the watch's end
       for (Sequence& sequence : g_state.sequences) {
-        if (sequence.watch == event->wd && std::strcmp(sequence.name.c_str(), event->name) == 0) {
+        if (sequence.watch == event->wd) {
           sequence.read = true;
           burst = true;
         }
@@ -430,9 +441,10 @@ void stop_follower() {
 }
 
 bool enter_at(const std::string& dir, const std::string& staging, std::string* error) {
+  if (!check_machine_folder(dir, error)) return false;
   std::error_code ec;
   const fs::path machine_dir = fs::canonical(dir, ec);
-  if (ec || !fs::is_directory(machine_dir)) return fail(error, "no machine folder at " + dir);
+  if (ec) return fail(error, "no machine folder at " + dir);
   if (g_state.inside) return fail(error, "already inside a machine");
 
   g_state.original_ns = open("/proc/self/ns/mnt", O_RDONLY | O_CLOEXEC);
@@ -647,7 +659,9 @@ RunResult run(const std::string& dir, const std::vector<std::string>& argv, bool
   if (capture) {
     bool out_open = true, err_open = true;
     while (out_open || err_open) {
-      struct pollfd fds[2] = {{out_pipe[0], POLLIN, 0}, {err_pipe[0], POLLIN, 0}};
+      // A stream at its end is left out: its hang-up would wake poll at once.
+      struct pollfd fds[2] = {{out_open ? out_pipe[0] : -1, POLLIN, 0},
+                              {err_open ? err_pipe[0] : -1, POLLIN, 0}};
       if (poll(fds, 2, -1) < 0 && errno != EINTR) break;
       if (out_open && (fds[0].revents & (POLLIN | POLLHUP))) drain(out_pipe[0], &result.out, &out_open);
       if (err_open && (fds[1].revents & (POLLIN | POLLHUP))) drain(err_pipe[0], &result.err, &err_open);

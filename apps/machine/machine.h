@@ -31,13 +31,17 @@
 //   - step_sequences(): every sequenced file takes its next value at once
 //     (deterministic; for a test that drives the machine itself);
 //   - follow_reads(): a helper process inside the machine watches the
-//     sequenced files being read; once reads pause for 50 ms, every file
-//     read since the last pause takes its next value. A burst of reads, such
+//     sequenced files being read; once 50 ms pass in which no sequenced file
+//     is read for the first time since it took its value, every file read
+//     since the last such pause takes its next value. A burst of reads, such
 //     as one refresh of a monitor (or its first scan, which may read a file
-//     twice), thus moves each file it read on by one. An "<absent>" value
-//     lasts until a burst of reads of the other files has ended. run() does
-//     this for every program it starts, so `gpumon --machine DIR --watch 0.2`
-//     sees new values from one refresh to the next.
+//     twice), thus moves each file it read on by one; a program that reads
+//     without pause sees its files move on about every 50 ms. An "<absent>"
+//     value lasts until a burst of reads of the other files has ended. run()
+//     does this for every program it starts, so `gpumon --machine DIR
+//     --watch 0.2` sees new values from one refresh to the next. The helper
+//     watches each file itself, not its folder, and only until its first
+//     read: the program's other reads cost it nothing.
 // A file is replaced whole (written aside, then renamed over), so a reader
 // sees the old or the new value, never a mix.
 //

@@ -86,8 +86,22 @@ TEST(MachineHarness, MachineToolsComeFirst) {
 TEST(MachineHarness, RefusesWhatItCannotLayOutAndChangesNothing) {
   const std::string real_mounts = mountinfo();
   std::string error;
-  EXPECT_FALSE(machine::enter("/nonexistent/machine", &error));
-  EXPECT_NE(error.find("no machine folder"), std::string::npos) << error;
+  // Folders that are no machine, checked before anything is mounted. The
+  // source folder of a machine whose fakes the build assembles points to the
+  // assembled copy.
+  TempMachine not_a_machine(Files{{"README.md", "x"}});
+  const std::pair<std::string, std::string> kNoMachines[] = {
+      {"/nonexistent/machine", "no machine folder at /nonexistent/machine"},
+      {"", "no machine folder given"},
+      {not_a_machine.dir(), "is not a machine folder: it has none of sys/, proc/, dev/, bin/, lib/"},
+      {machine_dir("nvidia-h100-sxm"),
+       "lacks lib/libcuda.so, one of the fakes it lists: the build assembles them; use " +
+           (std::filesystem::path(ZEV_BIN_DIR).parent_path() / "machines/nvidia-h100-sxm").string()},
+  };
+  for (const auto& [dir, message] : kNoMachines) {
+    EXPECT_FALSE(machine::enter(dir, &error));
+    EXPECT_NE(error.find(message), std::string::npos) << error;
+  }
 
   // procfs cannot gain files, so a machine may only replace existing ones.
   TempMachine bad({{"proc/no-such-file", "x"}}, "desktop-no-gpu");
