@@ -15,19 +15,22 @@ namespace {
 
 const char* const kParts[] = {"sys", "proc", "dev", "bin", "lib"};
 
-// The first path of the "fakes" file (its lines: "<path in the machine>
-// <fake>" or "<path> -> <link>") that the folder does not hold, or "".
-std::string first_missing_fake(const fs::path& folder) {
+// The first path the "fakes" file lists (its lines: "<path in the machine>
+// <fake>" or "<path> -> <link>") when the folder holds none of them: the
+// source folder of a machine the build assembles. "" when the folder has at
+// least one (a machine from which a test took a fake away is still one).
+std::string fakes_never_assembled(const fs::path& folder) {
   std::ifstream in(folder / "fakes");
-  std::string line;
+  std::string line, first;
   while (std::getline(in, line)) {
     std::istringstream words(line);
     std::string path;
     if (!(words >> path) || path[0] == '#') continue;
     std::error_code ec;
-    if (!fs::exists(fs::symlink_status(folder / path, ec))) return path;
+    if (fs::exists(fs::symlink_status(folder / path, ec))) return "";
+    if (first.empty()) first = path;
   }
-  return "";
+  return first;
 }
 
 }  // namespace
@@ -48,7 +51,7 @@ bool check_machine_folder(const std::string& dir, std::string* error) {
     *error = dir + " is not a machine folder: it has none of sys/, proc/, dev/, bin/, lib/";
     return false;
   }
-  const std::string missing = first_missing_fake(dir);
+  const std::string missing = fakes_never_assembled(dir);
   if (!missing.empty()) {
     const std::string name = fs::canonical(dir, ec).filename().string();
     std::string assembled = "build/machines/" + name;
@@ -57,7 +60,7 @@ bool check_machine_folder(const std::string& dir, std::string* error) {
       assembled = (fs::path(ZEV_ASSEMBLED_MACHINES_DIR) / name).string();
     }
 #endif
-    *error = dir + " lacks " + missing + ", one of the fakes it lists: the build assembles them; use " +
+    *error = dir + " lacks the fakes it lists (" + missing + ", ...): the build assembles them; use " +
              assembled;
     return false;
   }

@@ -95,7 +95,7 @@ TEST(MachineHarness, RefusesWhatItCannotLayOutAndChangesNothing) {
       {"", "no machine folder given"},
       {not_a_machine.dir(), "is not a machine folder: it has none of sys/, proc/, dev/, bin/, lib/"},
       {machine_dir("nvidia-h100-sxm"),
-       "lacks lib/libcuda.so, one of the fakes it lists: the build assembles them; use " +
+       "lacks the fakes it lists (lib/libcuda.so, ...): the build assembles them; use " +
            (std::filesystem::path(ZEV_BIN_DIR).parent_path() / "machines/nvidia-h100-sxm").string()},
   };
   for (const auto& [dir, message] : kNoMachines) {
