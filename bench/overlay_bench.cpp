@@ -10,16 +10,15 @@
 #include <dlfcn.h>
 #include <link.h>
 
-#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <new>
 #include <string>
 
 #define GL_GLEXT_PROTOTYPES 1
 #include <GL/gl.h>
 
+#include "heap_counter.h"
 #include "machine.h"
 #include "overlay/shader_sources.h"
 #include "zev/font.h"
@@ -30,57 +29,6 @@
 #include "zev/scene.h"
 #include "zev/trace.h"
 
-extern "C" void* __libc_malloc(size_t);
-extern "C" void* __libc_calloc(size_t, size_t);
-extern "C" void* __libc_realloc(void*, size_t);
-extern "C" void __libc_free(void*);
-
-namespace {
-
-// Allocations counted while `g_counting`, all of them and those whose caller
-// lies in the plug-in's code.
-std::atomic<bool> g_counting{false};
-std::atomic<long> g_all{0};
-std::atomic<long> g_plugin{0};
-uintptr_t g_plugin_begin = 0, g_plugin_end = 0;
-
-void count(void* caller) {
-  if (!g_counting.load(std::memory_order_relaxed)) return;
-  ++g_all;
-  const auto at = reinterpret_cast<uintptr_t>(caller);
-  if (at >= g_plugin_begin && at < g_plugin_end) ++g_plugin;
-}
-
-}  // namespace
-
-extern "C" void* malloc(size_t n) {
-  count(__builtin_return_address(0));
-  return __libc_malloc(n);
-}
-extern "C" void* calloc(size_t a, size_t b) {
-  count(__builtin_return_address(0));
-  return __libc_calloc(a, b);
-}
-extern "C" void* realloc(void* p, size_t n) {
-  count(__builtin_return_address(0));
-  return __libc_realloc(p, n);
-}
-void* operator new(size_t n) {
-  count(__builtin_return_address(0));
-  void* p = __libc_malloc(n == 0 ? 1 : n);
-  if (p == nullptr) throw std::bad_alloc();
-  return p;
-}
-void* operator new[](size_t n) {
-  count(__builtin_return_address(0));
-  void* p = __libc_malloc(n == 0 ? 1 : n);
-  if (p == nullptr) throw std::bad_alloc();
-  return p;
-}
-void operator delete(void* p) noexcept { __libc_free(p); }
-void operator delete[](void* p) noexcept { __libc_free(p); }
-void operator delete(void* p, size_t) noexcept { __libc_free(p); }
-void operator delete[](void* p, size_t) noexcept { __libc_free(p); }
 
 namespace {
 
@@ -94,8 +42,8 @@ int find_plugin(struct dl_phdr_info* info, size_t, void*) {
   for (int i = 0; i < info->dlpi_phnum; ++i) {
     const ElfW(Phdr)& h = info->dlpi_phdr[i];
     if (h.p_type != PT_LOAD || (h.p_flags & PF_X) == 0) continue;
-    g_plugin_begin = info->dlpi_addr + h.p_vaddr;
-    g_plugin_end = g_plugin_begin + h.p_memsz;
+    const char* begin = reinterpret_cast<const char*>(info->dlpi_addr + h.p_vaddr);
+    heap_counter::watch_callers(begin, begin + h.p_memsz);
   }
   return 1;
 }
@@ -269,14 +217,12 @@ void BM_PluginV5(benchmark::State& state) {
   frames(state, scene, [&] { scene.v5(); });
   // Allocations of one frame, after the warm-up frames above.
   if (!scene.host) return;
-  g_all = 0;
-  g_plugin = 0;
   const int n = 100;
-  g_counting = true;
+  heap_counter::start();
   for (int i = 0; i < n; ++i) scene.v5();
-  g_counting = false;
-  state.counters["plugin_allocs_per_frame"] = static_cast<double>(g_plugin) / n;
-  state.counters["all_allocs_per_frame"] = static_cast<double>(g_all) / n;
+  const heap_counter::Tally tally = heap_counter::stop();
+  state.counters["plugin_allocs_per_frame"] = static_cast<double>(tally.from_range) / n;
+  state.counters["all_allocs_per_frame"] = static_cast<double>(tally.allocations) / n;
 }
 void BM_DirectV5(benchmark::State& state) {
   Scene scene;

@@ -1,6 +1,8 @@
 // Small helpers shared by the DRM readers: every sysfs value is read by
 // building its path, opening the file, reading its first line into a cleared
-// fixed buffer and closing the file again. Nothing is kept between calls.
+// fixed buffer and closing the file again (open, read, close: no stdio, no
+// heap, and a file that would block reads as empty). Nothing is kept between
+// calls.
 #pragma once
 
 namespace drm_sysfs {
@@ -20,8 +22,9 @@ inline int as_path_number(unsigned long n) { return static_cast<int>(n); }
 void format_path(char* path, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
 // Opens `path` for reading and reads its first line (at most size - 1
-// characters) into `line`, which is cleared first. False when the file does
-// not open or when nothing could be read. The file is always closed.
+// characters, with its newline) into `line`, which is cleared first. False
+// when the file does not open or when nothing could be read. The file is
+// always closed.
 bool read_first_line(const char* path, char* line, int size);
 
 // The decimal number a line starts with (leading blanks skipped, 0 when

@@ -9,6 +9,7 @@
 
 #include "plugin/command_pipe.h"
 #include "plugin/gpu_monitor_vorn.h"
+#include "plugin/text_file.h"
 
 namespace {
 
@@ -16,9 +17,9 @@ const char kStatsPi5[] = "/sys/devices/platform/axi/1002000000.v3d/gpu_stats";
 const char kStatsPi4[] = "/sys/devices/platform/v3dbus/fec00000.v3d/gpu_stats";
 constexpr int kQueues = 5;  // bin, render, tfu, csd, cache clean
 
-FILE* open_first(const char* a, const char* b) {
-  FILE* file = std::fopen(a, "rb");
-  return file != nullptr ? file : std::fopen(b, "rb");
+// Opens the first of two files that opens.
+bool open_first(text_file::Lines* file, const char* a, const char* b) {
+  return file->open(a) || file->open(b);
 }
 
 // The queue of a gpu_stats name; a name whose first seven characters are
@@ -71,8 +72,8 @@ bool command_line(const char* command, char (&line)[128]) {
 
 bool GpuMonitorVorn::linux_arm64_rpi_read_gpu_usage_v2(zev::GPU* gpu, float* percent) {
   if (gpu == nullptr || percent == nullptr) return false;
-  FILE* file = open_first(kStatsPi5, kStatsPi4);
-  if (file == nullptr) {
+  text_file::Lines file;
+  if (!open_first(&file, kStatsPi5, kStatsPi4)) {
     *percent = -1.0f;
     return false;
   }
@@ -81,7 +82,7 @@ bool GpuMonitorVorn::linux_arm64_rpi_read_gpu_usage_v2(zev::GPU* gpu, float* per
   char line[256];
   // "queue timestamp jobs runtime" heads the file; it and any line that is
   // not four fields are skipped. Every row carries the same time stamp.
-  while (std::fgets(line, sizeof line, file) != nullptr) {
+  while (file.next(line, sizeof line)) {
     char name[64];
     long long timestamp = 0;
     long jobs = 0;
@@ -94,19 +95,19 @@ bool GpuMonitorVorn::linux_arm64_rpi_read_gpu_usage_v2(zev::GPU* gpu, float* per
     const int queue = stats_queue(name);
     if (queue >= 0) account(gpu, queue, runtime, elapsed, loads);
   }
-  std::fclose(file);
   *percent = busiest_percent(loads);
   return true;
 }
 
 bool GpuMonitorVorn::linux_arm64_rpi_read_gpu_usage_v1(zev::GPU* gpu, float* percent) {
   if (gpu == nullptr || percent == nullptr) return false;
-  FILE* file = open_first("/sys/kernel/debug/dri/0/gpu_usage", "/sys/kernel/debug/dri/1/gpu_usage");
-  if (file == nullptr) return false;
+  text_file::Lines file;
+  if (!open_first(&file, "/sys/kernel/debug/dri/0/gpu_usage", "/sys/kernel/debug/dri/1/gpu_usage"))
+    return false;
   float loads[kQueues] = {0, 0, 0, 0, 0};
   uint64_t elapsed = 0;
   char line[256];
-  while (std::fgets(line, sizeof line, file) != nullptr) {
+  while (file.next(line, sizeof line)) {
     long long timestamp = 0;
     if (std::sscanf(line, "timestamp;%lld;", &timestamp) == 1) {
       elapsed = static_cast<uint64_t>(timestamp) - gpu->v3d_last_timestamp;
@@ -123,7 +124,6 @@ bool GpuMonitorVorn::linux_arm64_rpi_read_gpu_usage_v1(zev::GPU* gpu, float* per
     const int queue = debug_queue(line);
     if (queue >= 0) account(gpu, queue, runtime, elapsed, loads);
   }
-  std::fclose(file);
   *percent = busiest_percent(loads);
   return true;
 }
@@ -145,9 +145,7 @@ bool GpuMonitorVorn::linux_arm64_rpi_read_gpu_core_temp(float* celsius) {
 // Only on a Pi 5 (its V3D statistics file opens): "cycles: N (M MHz)".
 bool GpuMonitorVorn::linux_arm64_rpi_read_gpu_core_clock(float* mhz) {
   if (mhz == nullptr) return false;
-  FILE* stats = std::fopen(kStatsPi5, "rb");
-  if (stats == nullptr) return false;
-  std::fclose(stats);
+  if (!text_file::can_open(kStatsPi5)) return false;
   char line[128];
   int cycles = 0;
   float value = 0.0f;

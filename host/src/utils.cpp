@@ -1,7 +1,10 @@
 #include "zev/utils.h"
 
+#include <fcntl.h>
 #include <sys/utsname.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -9,16 +12,46 @@
 namespace zev {
 namespace utils {
 
+namespace {
+
+// Files are opened non-blocking: a FIFO, or any other file that would wait
+// for a writer, reads as empty instead of holding the caller for ever.
+int open_for_reading(const char* path) { return open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK); }
+
+// One read, retried while a signal interrupts it; a file with no data yet
+// (EAGAIN) has reached its end. -1 is a failed read.
+ssize_t read_once(int fd, char* into, size_t size) {
+  for (;;) {
+    const ssize_t got = read(fd, into, size);
+    if (got >= 0) return got;
+    if (errno == EAGAIN) return 0;
+    if (errno != EINTR) return -1;
+  }
+}
+
+}  // namespace
+
 const char* get_platform_name() { return "Linux"; }
 
 const char* get_linux_release() {
   // Read from procfs rather than uname(2) so that a machine description can
   // present its own kernel release.
   static char release[128];
-  release[0] = '\0';
-  if (FILE* f = std::fopen("/proc/sys/kernel/osrelease", "r")) {
-    if (std::fgets(release, sizeof release, f) == nullptr) release[0] = '\0';
-    std::fclose(f);
+  std::memset(release, 0, sizeof release);
+  const int fd = open_for_reading("/proc/sys/kernel/osrelease");
+  if (fd >= 0) {
+    size_t length = 0;
+    while (length + 1 < sizeof release) {
+      const ssize_t got = read_once(fd, release + length, sizeof release - 1 - length);
+      if (got <= 0) {
+        if (got < 0) length = 0;
+        break;
+      }
+      length += static_cast<size_t>(got);
+      if (std::memchr(release, '\n', length) != nullptr) break;
+    }
+    close(fd);
+    release[length] = '\0';
     release[std::strcspn(release, "\n")] = '\0';
   }
   if (release[0] == '\0') {
@@ -33,23 +66,23 @@ int get_platform_bitness() { return static_cast<int>(sizeof(void*) * 8); }
 char* file_content_read(const char* path, unsigned long* size) {
   if (size) *size = 0;
   if (path == nullptr) return nullptr;
-  FILE* f = std::fopen(path, "rb");
-  if (f == nullptr) return nullptr;
-  // sysfs files report a size of 4096 whatever they hold, so read until EOF
-  // instead of trusting the file size.
+  const int fd = open_for_reading(path);
+  if (fd < 0) return nullptr;
+  // sysfs files report a size of 4096 whatever they hold, so read until the
+  // end instead of trusting the file size.
   size_t capacity = 256;
   size_t length = 0;
   char* buffer = static_cast<char*>(std::malloc(capacity + 1));
   while (buffer != nullptr) {
-    size_t got = std::fread(buffer + length, 1, capacity - length, f);
-    length += got;
-    if (got == 0 || length < capacity) {
-      if (std::ferror(f)) {
-        std::free(buffer);
-        buffer = nullptr;
-      }
+    const ssize_t got = read_once(fd, buffer + length, capacity - length);
+    if (got < 0) {
+      std::free(buffer);
+      buffer = nullptr;
       break;
     }
+    if (got == 0) break;
+    length += static_cast<size_t>(got);
+    if (length < capacity) continue;
     capacity *= 2;
     char* grown = static_cast<char*>(std::realloc(buffer, capacity + 1));
     if (grown == nullptr) {
@@ -59,7 +92,7 @@ char* file_content_read(const char* path, unsigned long* size) {
     }
     buffer = grown;
   }
-  std::fclose(f);
+  close(fd);
   if (buffer == nullptr) return nullptr;
   buffer[length] = '\0';
   if (size) *size = length;
