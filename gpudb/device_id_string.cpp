@@ -106,12 +106,12 @@ unsigned int GpuMonitorVorn::gpu_db_get_index_from_device_id_string(const char* 
 
   // AMD rows are told apart by sub-system or revision, compared exactly and
   // case-sensitively.
-  const VendorTable table = gpu_db_index_table(vendor);
+  const GpuDbTable table = gpu_db_index_table(vendor);
   for (unsigned long i = 0; i < table.num_rows; ++i) {
     const GpuDbRow& row = table.rows[i];
     if (row.device_id == -1 || static_cast<long>(row.device_id) != static_cast<long>(device))
       continue;
-    const char* variant = row.variant;
+    const char* variant = table.variant(row);
     if (variant == nullptr || variant[0] == '\0') return static_cast<unsigned int>(i);
     const size_t length = std::strlen(variant);
     if (has_subsys && length == 8 && std::strcmp(variant, subsys) == 0)

@@ -29,16 +29,21 @@ bool revision_matches(const char* variant, const char* revision) {
 }
 
 // The row at index, or null when the index lies outside the table.
-const GpuDbRow* row_at(unsigned long vendor, int index) {
-  const VendorTable table = gpu_db_accessor_table(vendor);
+const GpuDbRow* row_at(const GpuDbTable& table, int index) {
   if (index < 0 || static_cast<unsigned long>(index) >= table.num_rows) return nullptr;
   return &table.rows[index];
+}
+
+// A numeric field of row `index` of the vendor's accessor table; 0 outside it.
+int number_at(unsigned long vendor, int index, int GpuDbRow::*field) {
+  const GpuDbRow* row = row_at(gpu_db_accessor_table(vendor), index);
+  return row ? row->*field : 0;
 }
 
 }  // namespace
 
 unsigned int GpuMonitorVorn::gpu_db_get_index(unsigned long vendor, unsigned long device) {
-  const VendorTable table = gpu_db_index_table(vendor);
+  const GpuDbTable table = gpu_db_index_table(vendor);
   // The terminator is part of the walk: device 0 finds it, and its null
   // strings tell the caller that nothing is known.
   for (unsigned long i = 0; i < table.num_rows; ++i) {
@@ -50,13 +55,14 @@ unsigned int GpuMonitorVorn::gpu_db_get_index(unsigned long vendor, unsigned lon
 unsigned int GpuMonitorVorn::gpu_db_get_index_v2(unsigned long vendor, unsigned long device,
                                                  const char* revision) {
   if (vendor != gpudb_vendor::kAmd) return gpu_db_get_index(vendor, device);
-  const VendorTable table = gpu_db_index_table(vendor);
+  const GpuDbTable table = gpu_db_index_table(vendor);
   for (unsigned long i = 0; i < table.num_rows; ++i) {
     const GpuDbRow& row = table.rows[i];
     if (!same_device(row, device)) continue;
     // With a revision given, rows without one are never taken: AMD chips
     // whose rows carry no revision are not found this way.
-    if (row.variant == nullptr || revision == nullptr || revision_matches(row.variant, revision))
+    const char* variant = table.variant(row);
+    if (variant == nullptr || revision == nullptr || revision_matches(variant, revision))
       return static_cast<unsigned int>(i);
   }
   return kNotFound;
@@ -65,15 +71,16 @@ unsigned int GpuMonitorVorn::gpu_db_get_index_v2(unsigned long vendor, unsigned 
 unsigned int GpuMonitorVorn::gpu_db_get_index_v3(unsigned long vendor, unsigned long device,
                                                  unsigned long value) {
   if (vendor != gpudb_vendor::kNvidia || device == 0 || value == 0) return kNotFound;
-  const VendorTable table = gpu_db_index_table(vendor);
+  const GpuDbTable table = gpu_db_index_table(vendor);
   for (unsigned long i = 0; i < table.num_rows; ++i) {
     const GpuDbRow& row = table.rows[i];
-    if (row.variant == nullptr) break;  // the terminator
-    if (row.variant[0] == '\0') continue;
+    const char* variant = table.variant(row);
+    if (variant == nullptr) break;  // the terminator
+    if (variant[0] == '\0') continue;
     // The variant's first four characters as hex; a shorter variant reads
     // NULs past its end rather than whatever follows it in memory.
     char digits[4] = {0, 0, 0, 0};
-    for (int k = 0; k < 4 && row.variant[k] != '\0'; ++k) digits[k] = row.variant[k];
+    for (int k = 0; k < 4 && variant[k] != '\0'; ++k) digits[k] = variant[k];
     if (same_device(row, device) &&
         str_to_hex(digits[0], digits[1], digits[2], digits[3]) == value)
       return static_cast<unsigned int>(i);
@@ -87,50 +94,51 @@ unsigned int GpuMonitorVorn::gpu_db_get_index_v3(unsigned long vendor, unsigned 
 
 const char* GpuMonitorVorn::gpu_db_get_adapter_name(unsigned long vendor, int index) {
   if (index < 0) return "Unknown";
-  const GpuDbRow* row = row_at(vendor, index);
-  return row ? row->adapter_name : nullptr;
+  const GpuDbTable table = gpu_db_accessor_table(vendor);
+  const GpuDbRow* row = row_at(table, index);
+  return row ? table.adapter_name(*row) : nullptr;
 }
 
 const char* GpuMonitorVorn::gpu_db_get_gpu_codename(unsigned long vendor, int index) {
   if (index == -1) return "Unknown";
-  const GpuDbRow* row = row_at(vendor, index);
-  return row ? row->codename : nullptr;
+  const GpuDbTable table = gpu_db_accessor_table(vendor);
+  const GpuDbRow* row = row_at(table, index);
+  return row ? table.codename(*row) : nullptr;
 }
 
 int GpuMonitorVorn::gpu_db_get_tdp(unsigned long vendor, int index) {
-  const GpuDbRow* row = row_at(vendor, index);
-  return row ? row->tdp : 0;
+  return number_at(vendor, index, &GpuDbRow::tdp);
 }
 
 int GpuMonitorVorn::gpu_db_get_num_unified_shader_processors(unsigned long vendor, int index) {
-  const GpuDbRow* row = row_at(vendor, index);
-  return row ? row->num_unified_shader_processors : 0;
+  return number_at(vendor, index, &GpuDbRow::num_unified_shader_processors);
 }
 
 int GpuMonitorVorn::gpu_db_get_num_texture_units(unsigned long vendor, int index) {
-  const GpuDbRow* row = row_at(vendor, index);
-  return row ? row->num_texture_units : 0;
+  return number_at(vendor, index, &GpuDbRow::num_texture_units);
 }
 
 int GpuMonitorVorn::gpu_db_get_num_rops(unsigned long vendor, int index) {
-  const GpuDbRow* row = row_at(vendor, index);
-  return row ? row->num_rops : 0;
+  return number_at(vendor, index, &GpuDbRow::num_rops);
 }
 
+// `table` is a GpuDbTable; at most row_count of its rows are walked.
 const char* GpuMonitorVorn::get_gpu_name_from_devices_table(const void* table,
                                                             unsigned long row_count,
                                                             unsigned long device,
                                                             unsigned long revision) {
-  const GpuDbRow* rows = static_cast<const GpuDbRow*>(table);
-  for (unsigned long i = 0; rows != nullptr && i < row_count; ++i) {
-    const GpuDbRow& row = rows[i];
+  const GpuDbTable* t = static_cast<const GpuDbTable*>(table);
+  if (t == nullptr || t->rows == nullptr) return nullptr;
+  for (unsigned long i = 0; i < row_count && i < t->num_rows; ++i) {
+    const GpuDbRow& row = t->rows[i];
     if (!same_device(row, device)) continue;
-    if (revision == 0 || row.variant == nullptr) return row.adapter_name;
+    const char* variant = t->variant(row);
+    if (revision == 0 || variant == nullptr) return t->adapter_name(row);
     // A variant shorter than two characters names no revision.
-    if (row.variant[0] == '\0' || row.variant[1] == '\0') continue;
-    const char a = static_cast<char>(std::tolower(static_cast<unsigned char>(row.variant[0])));
-    const char b = static_cast<char>(std::tolower(static_cast<unsigned char>(row.variant[1])));
-    if (str_to_hex2(a, b) == revision) return row.adapter_name;
+    if (variant[0] == '\0' || variant[1] == '\0') continue;
+    const char a = static_cast<char>(std::tolower(static_cast<unsigned char>(variant[0])));
+    const char b = static_cast<char>(std::tolower(static_cast<unsigned char>(variant[1])));
+    if (str_to_hex2(a, b) == revision) return t->adapter_name(row);
   }
   return nullptr;
 }
@@ -140,7 +148,7 @@ const char* GpuMonitorVorn::get_gpu_name_from_device_id(unsigned long vendor,
                                                         unsigned long revision) {
   // S3 Graphics is left out on purpose: its ids name no adapter here.
   if (vendor == gpudb_vendor::kS3) return nullptr;
-  const VendorTable table = gpu_db_index_table(vendor);
+  const GpuDbTable table = gpu_db_index_table(vendor);
   if (table.rows == nullptr) return nullptr;
-  return get_gpu_name_from_devices_table(table.rows, table.num_rows, device, revision);
+  return get_gpu_name_from_devices_table(&table, table.num_rows, device, revision);
 }

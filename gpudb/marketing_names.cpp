@@ -3,7 +3,6 @@
 // tables. The first matching row wins.
 #include <cstring>
 
-#include "gpudb/gpu_db_tables.h"
 #include "gpudb/vendor_tables.h"
 #include "plugin/gpu_monitor_vorn.h"
 
@@ -15,20 +14,22 @@ enum class Revision { kIgnored, kCompared };
 
 // Shared walk of one vendor's board table. The row's vendor field is not
 // compared: the table is the vendor's already.
-static bool apply_board_name(GpuMonitorVorn* monitor, zev::GPU* gpu, const BoardNameRow* rows,
-                             unsigned long num_rows, Revision revision) {
+static bool apply_board_name(GpuMonitorVorn* monitor, zev::GPU* gpu, unsigned long vendor,
+                             Revision revision) {
   gpu->use_marketing_name = false;
-  for (unsigned long i = 0; i < num_rows && rows[i].vendor != 0; ++i) {
-    const BoardNameRow& row = rows[i];
+  const BoardNameTable table = gpu_db_board_table(vendor);
+  for (unsigned long i = 0; i < table.num_rows && table.rows[i].vendor != 0; ++i) {
+    const BoardNameRow& row = table.rows[i];
     if (row.subvendor != gpu->subvendor_id || row.device != gpu->device_id ||
         row.subdevice != gpu->subdevice_id)
       continue;
+    const char* row_revision = table.revision(row);
     if (revision == Revision::kCompared &&
-        (row.revision == nullptr || row.revision[0] == '\0' ||
-         monitor->str_to_hex2(row.revision[0], row.revision[1]) != gpu->revision_id))
+        (row_revision == nullptr || row_revision[0] == '\0' ||
+         monitor->str_to_hex2(row_revision[0], row_revision[1]) != gpu->revision_id))
       continue;
     std::memset(gpu->marketing_name, 0, sizeof gpu->marketing_name);
-    copy_text(gpu->marketing_name, sizeof gpu->marketing_name, row.marketing_name);
+    copy_text(gpu->marketing_name, sizeof gpu->marketing_name, table.marketing_name(row));
     gpu->use_marketing_name = true;
     return true;
   }
@@ -48,8 +49,7 @@ bool GpuMonitorVorn::update_gpu_marketing_name(zev::GPU* gpu) {
 
 bool GpuMonitorVorn::update_gpu_marketing_name_nvidia(zev::GPU* gpu) {
   if (gpu == nullptr || gpu->vendor_id != gpudb_vendor::kNvidia) return false;
-  return apply_board_name(this, gpu, board_names_nvidia, board_names_nvidia_num_rows,
-                          Revision::kIgnored);
+  return apply_board_name(this, gpu, gpudb_vendor::kNvidia, Revision::kIgnored);
 }
 
 bool GpuMonitorVorn::update_gpu_marketing_name_amd(zev::GPU* gpu) {
@@ -59,18 +59,15 @@ bool GpuMonitorVorn::update_gpu_marketing_name_amd(zev::GPU* gpu) {
     std::memset(gpu->name, 0, sizeof gpu->name);
     copy_text(gpu->name, sizeof gpu->name, "AMD Radeon HD 6350");
   }
-  return apply_board_name(this, gpu, board_names_amd, board_names_amd_num_rows,
-                          Revision::kCompared);
+  return apply_board_name(this, gpu, gpudb_vendor::kAmd, Revision::kCompared);
 }
 
 bool GpuMonitorVorn::update_gpu_marketing_name_intel(zev::GPU* gpu) {
   if (gpu == nullptr || gpu->vendor_id != gpudb_vendor::kIntel) return false;
-  return apply_board_name(this, gpu, board_names_intel, board_names_intel_num_rows,
-                          Revision::kIgnored);
+  return apply_board_name(this, gpu, gpudb_vendor::kIntel, Revision::kIgnored);
 }
 
 bool GpuMonitorVorn::update_gpu_marketing_name_moore_threads(zev::GPU* gpu) {
   if (gpu == nullptr || gpu->vendor_id != gpudb_vendor::kMooreThreads) return false;
-  return apply_board_name(this, gpu, board_names_moore_threads,
-                          board_names_moore_threads_num_rows, Revision::kIgnored);
+  return apply_board_name(this, gpu, gpudb_vendor::kMooreThreads, Revision::kIgnored);
 }

@@ -1,20 +1,34 @@
 #include "gpudb/vendor_tables.h"
 
-VendorTable gpu_db_index_table(unsigned long vendor) {
+// The tables are put together here, in code, rather than in an array of
+// tables: such an array would hold pointers for the loader to relocate.
+
+GpuDbTable gpu_db_index_table(unsigned long vendor) {
   using namespace gpudb_vendor;
   switch (vendor) {
-    case kNvidia: return {gpu_db_nvidia, gpu_db_nvidia_num_rows};
-    case kAmd: return {gpu_db_amd, gpu_db_amd_num_rows};
-    case kIntel: return {gpu_db_intel, gpu_db_intel_num_rows};
-    case kMooreThreads: return {gpu_db_moore_threads, gpu_db_moore_threads_num_rows};
-    case kS3: return {gpu_db_s3, gpu_db_s3_num_rows};
-    case kVmware: return {gpu_db_vmware, gpu_db_vmware_num_rows};
-    default: return {nullptr, 0};
+    case kNvidia: return GPUDB_TABLE(gpu_db_nvidia);
+    case kAmd: return GPUDB_TABLE(gpu_db_amd);
+    case kIntel: return GPUDB_TABLE(gpu_db_intel);
+    case kMooreThreads: return GPUDB_TABLE(gpu_db_moore_threads);
+    case kS3: return GPUDB_TABLE(gpu_db_s3);
+    case kVmware: return GPUDB_TABLE(gpu_db_vmware);
+    default: return {nullptr, 0, nullptr};
   }
 }
 
-VendorTable gpu_db_accessor_table(unsigned long vendor) {
-  VendorTable table = gpu_db_index_table(vendor);
-  if (table.rows == nullptr) table = {gpu_db_sis, gpu_db_sis_num_rows};
+GpuDbTable gpu_db_accessor_table(unsigned long vendor) {
+  GpuDbTable table = gpu_db_index_table(vendor);
+  if (table.rows == nullptr) table = GPUDB_TABLE(gpu_db_sis);
   return table;
+}
+
+BoardNameTable gpu_db_board_table(unsigned long vendor) {
+  using namespace gpudb_vendor;
+  switch (vendor) {
+    case kNvidia: return GPUDB_TABLE(board_names_nvidia);
+    case kAmd: return GPUDB_TABLE(board_names_amd);
+    case kIntel: return GPUDB_TABLE(board_names_intel);
+    case kMooreThreads: return GPUDB_TABLE(board_names_moore_threads);
+    default: return {nullptr, 0, nullptr};
+  }
 }

@@ -3,18 +3,17 @@
 
 #include "gpudb/gpu_db_tables.h"
 
-struct VendorTable {
-  const GpuDbRow* rows;
-  unsigned long num_rows;  // terminator included
-};
-
 // The table the index functions search: NVIDIA, AMD, Intel, Moore Threads,
-// S3 Graphics or VMware; {nullptr, 0} for any other vendor.
-VendorTable gpu_db_index_table(unsigned long vendor);
+// S3 Graphics or VMware; no rows (null, 0) for any other vendor.
+GpuDbTable gpu_db_index_table(unsigned long vendor);
 
 // The table the accessors read: as above, and the SiS table for every other
 // vendor.
-VendorTable gpu_db_accessor_table(unsigned long vendor);
+GpuDbTable gpu_db_accessor_table(unsigned long vendor);
+
+// The board table of NVIDIA, AMD, Intel or Moore Threads; no rows for any
+// other vendor.
+BoardNameTable gpu_db_board_table(unsigned long vendor);
 
 namespace gpudb_vendor {
 constexpr unsigned long kNvidia = 0x10DE;

@@ -113,6 +113,7 @@ class GpuMonitorVorn : public zev::GpuMonitor {
   int gpu_db_get_num_unified_shader_processors(unsigned long vendor, int index);
   int gpu_db_get_num_texture_units(unsigned long vendor, int index);
   int gpu_db_get_num_rops(unsigned long vendor, int index);
+  // `table` points to a GpuDbTable (gpudb/gpu_db_tables.h).
   const char* get_gpu_name_from_devices_table(const void* table, unsigned long row_count,
                                               unsigned long device, unsigned long revision);
   bool update_all_gpus_marketing_name();

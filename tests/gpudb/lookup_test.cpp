@@ -96,11 +96,14 @@ TEST_F(GpuDb, NameFromDeviceIdForTheHost) {
     EXPECT_EQ(text(db_.get_gpu_name_from_device_id(c.vendor, c.device, c.revision)), c.name)
         << std::hex << c.vendor << ":" << c.device << ":" << c.revision;
   // A variant shorter than two characters is no revision.
-  const GpuDbRow rows[] = {{0x1234, "", "", "no revision", 110, 1, 0, 0, 1, 1, 0},
-                           {0x1234, "", "C", "one digit", 110, 1, 0, 0, 1, 1, 0},
-                           {0x1234, "", "c1", "lower case", 110, 1, 0, 0, 1, 1, 0}};
-  EXPECT_EQ(text(db_.get_gpu_name_from_devices_table(rows, 3, 0x1234, 0xC1)), "lower case");
-  EXPECT_EQ(db_.get_gpu_name_from_devices_table(rows, 2, 0x1234, 0xC1), nullptr);
+  const char strings[] = "\0C\0c1\0no revision\0one digit\0lower case";
+  const GpuDbRow rows[] = {{0x1234, 0, 0, 6, 110, 1, 0, 0, 1, 1, 0},
+                           {0x1234, 0, 1, 18, 110, 1, 0, 0, 1, 1, 0},
+                           {0x1234, 0, 3, 28, 110, 1, 0, 0, 1, 1, 0}};
+  const GpuDbTable table = {rows, 3, strings};
+  EXPECT_EQ(text(db_.get_gpu_name_from_devices_table(&table, 3, 0x1234, 0xC1)), "lower case");
+  EXPECT_EQ(db_.get_gpu_name_from_devices_table(&table, 2, 0x1234, 0xC1), nullptr);
+  EXPECT_EQ(db_.get_gpu_name_from_devices_table(nullptr, 3, 0x1234, 0xC1), nullptr);
   // NVIDIA variant lookup.
   const unsigned long a1 = db_.str_to_hex('A', '1', '\0', '\0');
   EXPECT_EQ(name_of(0x10DE, db_.gpu_db_get_index_v3(0x10DE, 0x2C58, a1)),

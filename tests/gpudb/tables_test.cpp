@@ -12,37 +12,52 @@ namespace {
 
 struct Table {
   const char* vendor;
-  const GpuDbRow* rows;
-  unsigned long num_rows;
+  GpuDbTable table;
 };
 
 const Table kTables[] = {
-    {"NVIDIA", gpu_db_nvidia, gpu_db_nvidia_num_rows},
-    {"AMD", gpu_db_amd, gpu_db_amd_num_rows},
-    {"Intel", gpu_db_intel, gpu_db_intel_num_rows},
-    {"Moore Threads", gpu_db_moore_threads, gpu_db_moore_threads_num_rows},
-    {"S3", gpu_db_s3, gpu_db_s3_num_rows},
-    {"VMware", gpu_db_vmware, gpu_db_vmware_num_rows},
-    {"SiS", gpu_db_sis, gpu_db_sis_num_rows},
-    {"Lisuan", gpu_db_lisuan, gpu_db_lisuan_num_rows},
+    {"NVIDIA", GPUDB_TABLE(gpu_db_nvidia)},
+    {"AMD", GPUDB_TABLE(gpu_db_amd)},
+    {"Intel", GPUDB_TABLE(gpu_db_intel)},
+    {"Moore Threads", GPUDB_TABLE(gpu_db_moore_threads)},
+    {"S3", GPUDB_TABLE(gpu_db_s3)},
+    {"VMware", GPUDB_TABLE(gpu_db_vmware)},
+    {"SiS", GPUDB_TABLE(gpu_db_sis)},
+    {"Lisuan", GPUDB_TABLE(gpu_db_lisuan)},
 };
 
 struct BoardTable {
   const char* vendor;
   unsigned int vendor_id;
-  const BoardNameRow* rows;
-  unsigned long num_rows;
+  BoardNameTable table;
 };
 
 const BoardTable kBoardTables[] = {
-    {"NVIDIA", 0x10DE, board_names_nvidia, board_names_nvidia_num_rows},
-    {"AMD", 0x1002, board_names_amd, board_names_amd_num_rows},
-    {"Intel", 0x8086, board_names_intel, board_names_intel_num_rows},
-    {"Moore Threads", 0x1ED5, board_names_moore_threads, board_names_moore_threads_num_rows},
+    {"NVIDIA", 0x10DE, GPUDB_TABLE(board_names_nvidia)},
+    {"AMD", 0x1002, GPUDB_TABLE(board_names_amd)},
+    {"Intel", 0x8086, GPUDB_TABLE(board_names_intel)},
+    {"Moore Threads", 0x1ED5, GPUDB_TABLE(board_names_moore_threads)},
 };
 
+// A row with its strings, as the tests write rows down.
+struct Row {
+  int device_id;
+  const char* codename;
+  const char* variant;
+  const char* adapter_name;
+  int api_level, num_unified_shader_processors, num_vertex_shaders, num_pixel_shaders,
+      num_texture_units, num_rops, tdp;
+};
+
+Row read_row(const GpuDbTable& t, unsigned long i) {
+  const GpuDbRow& r = t.rows[i];
+  return {r.device_id, t.codename(r), t.variant(r), t.adapter_name(r), r.api_level,
+          r.num_unified_shader_processors, r.num_vertex_shaders, r.num_pixel_shaders,
+          r.num_texture_units, r.num_rops, r.tdp};
+}
+
 // Every value of a row, as text.
-std::string describe(const GpuDbRow& r) {
+std::string describe(const Row& r) {
   auto t = [](const char* s) { return std::string(s ? s : "(null)"); };
   return std::to_string(r.device_id) + "/" + t(r.codename) + "/" + t(r.variant) + "/" +
          t(r.adapter_name) + "/" + std::to_string(r.api_level) + "/" +
@@ -55,7 +70,7 @@ std::string describe(const GpuDbRow& r) {
 // Rows whose every value is fixed: the first row of their table with the same
 // name must equal them.
 TEST(GpuDbTables, RowsHostsRelyOnAreExact) {
-  const std::pair<const Table*, GpuDbRow> expected[] = {
+  const std::pair<const Table*, Row> expected[] = {
       {&kTables[0], {0x2BB1, "GB202", "", "NVIDIA RTX PRO 6000 Blackwell Workstation", 110, 24064, 0, 0, 752, 192, 600}},
       {&kTables[0], {0x2B85, "GB202-300", "", "NVIDIA GeForce RTX 5090", 110, 21760, 0, 0, 680, 176, 575}},
       {&kTables[0], {0x2C58, "GB203", "A1", "NVIDIA GeForce RTX 5090 Laptop GPU", 110, 10496, 0, 0, 328, 112, 150}},
@@ -73,30 +88,33 @@ TEST(GpuDbTables, RowsHostsRelyOnAreExact) {
       {&kTables[6], {-1, "X328", "Xabre80", "SiS Xabre 80", -1, 0, 1, 2, -1, -1, 0}},
   };
   for (const auto& [table, row] : expected) {
-    const GpuDbRow* found = nullptr;
-    for (unsigned long i = 0; i < table->num_rows && !found; ++i) {
-      const GpuDbRow& r = table->rows[i];
+    const GpuDbTable& t = table->table;
+    unsigned long found = t.num_rows;
+    for (unsigned long i = 0; i < t.num_rows && found == t.num_rows; ++i) {
+      const Row r = read_row(t, i);
       if (r.adapter_name && std::strcmp(r.adapter_name, row.adapter_name) == 0 &&
           r.device_id == row.device_id)
-        found = &r;
+        found = i;
     }
-    ASSERT_NE(found, nullptr) << table->vendor << ": " << row.adapter_name;
-    EXPECT_EQ(describe(*found), describe(row)) << table->vendor;
+    ASSERT_LT(found, t.num_rows) << table->vendor << ": " << row.adapter_name;
+    EXPECT_EQ(describe(read_row(t, found)), describe(row)) << table->vendor;
   }
 }
 
 TEST(GpuDbTables, RowsWhoseOrderMatters) {
   // Newest generation first; 0x7550 as C0, C2, C3, the XT first.
-  EXPECT_STREQ(gpu_db_nvidia[0].codename, "GB202");
-  EXPECT_STREQ(gpu_db_amd[0].codename, "Navi 48");
+  const GpuDbTable& nvidia = kTables[0].table;
+  const GpuDbTable& amd = kTables[1].table;
+  EXPECT_STREQ(read_row(nvidia, 0).codename, "GB202");
+  EXPECT_STREQ(read_row(amd, 0).codename, "Navi 48");
   std::string variants;
-  for (unsigned long i = 0; i < gpu_db_amd_num_rows; ++i)
-    if (gpu_db_amd[i].device_id == 0x7550) variants += gpu_db_amd[i].variant;
+  for (unsigned long i = 0; i < amd.num_rows; ++i)
+    if (amd.rows[i].device_id == 0x7550) variants += read_row(amd, i).variant;
   EXPECT_EQ(variants, "C0C2C3");
   // Irregular values of the data are kept as they are.
   int irregular = 0;
-  for (unsigned long i = 0; i + 1 < gpu_db_nvidia_num_rows; ++i) {
-    const GpuDbRow& r = gpu_db_nvidia[i];
+  for (unsigned long i = 0; i + 1 < nvidia.num_rows; ++i) {
+    const Row r = read_row(nvidia, i);
     if (r.device_id == 0x0CA0 && std::strcmp(r.codename, "G92/GT215") == 0 &&
         r.num_unified_shader_processors == -16)
       ++irregular;
@@ -104,21 +122,21 @@ TEST(GpuDbTables, RowsWhoseOrderMatters) {
   }
   EXPECT_EQ(irregular, 2);
   ASSERT_EQ(gpu_db_lisuan_num_rows, 2u);
-  EXPECT_STREQ(gpu_db_lisuan[0].adapter_name, "LISUAN LX 7G100");
+  EXPECT_STREQ(read_row(kTables[7].table, 0).adapter_name, "LISUAN LX 7G100");
 }
 
 // Terminated tables of complete, plausible rows; a device and variant appear
 // once (NVIDIA repeats an id only under another name).
 TEST(GpuDbTables, EveryTableHoldsTogether) {
-  for (const Table& t : kTables) {
-    SCOPED_TRACE(t.vendor);
+  for (const auto& [vendor, t] : kTables) {
+    SCOPED_TRACE(vendor);
     ASSERT_GE(t.num_rows, 2u);
-    const GpuDbRow& end = t.rows[t.num_rows - 1];
+    const Row end = read_row(t, t.num_rows - 1);
     EXPECT_TRUE(end.device_id == 0 && end.codename == nullptr && end.variant == nullptr &&
                 end.adapter_name == nullptr && end.num_rops + end.tdp + end.api_level == 0);
     std::set<std::string> seen;
     for (unsigned long i = 0; i + 1 < t.num_rows; ++i) {
-      const GpuDbRow& r = t.rows[i];
+      const Row r = read_row(t, i);
       ASSERT_TRUE(r.adapter_name && r.codename && r.variant) << "row " << i;
       EXPECT_NE(r.device_id, 0) << "a row before the terminator ends the table: " << i;
       EXPECT_TRUE(r.adapter_name[0] != '\0' && !std::strchr(r.adapter_name, '%')) << describe(r);
@@ -139,19 +157,21 @@ TEST(GpuDbTables, EveryTableHoldsTogether) {
 }
 
 TEST(GpuDbTables, BoardTablesHoldTogether) {
-  for (const BoardTable& t : kBoardTables) {
-    SCOPED_TRACE(t.vendor);
+  for (const auto& [vendor, vendor_id, t] : kBoardTables) {
+    SCOPED_TRACE(vendor);
     ASSERT_GE(t.num_rows, 2u);
     const BoardNameRow& end = t.rows[t.num_rows - 1];
     EXPECT_EQ(end.vendor | end.device | end.subvendor | end.subdevice, 0u);
-    EXPECT_EQ(end.marketing_name, nullptr);
+    EXPECT_EQ(t.marketing_name(end), nullptr);
     for (unsigned long i = 0; i + 1 < t.num_rows; ++i) {
       const BoardNameRow& r = t.rows[i];
-      EXPECT_EQ(r.vendor, t.vendor_id) << "row " << i;
-      ASSERT_TRUE(r.marketing_name && r.revision) << "row " << i;
-      EXPECT_EQ(std::strlen(r.revision), 2u) << r.marketing_name;
-      const size_t n = std::strlen(r.marketing_name);
-      EXPECT_TRUE(n > 0 && n < 128 && !std::strchr(r.marketing_name, '%')) << r.marketing_name;
+      const char* name = t.marketing_name(r);
+      const char* revision = t.revision(r);
+      EXPECT_EQ(r.vendor, vendor_id) << "row " << i;
+      ASSERT_TRUE(name && revision) << "row " << i;
+      EXPECT_EQ(std::strlen(revision), 2u) << name;
+      const size_t n = std::strlen(name);
+      EXPECT_TRUE(n > 0 && n < 128 && !std::strchr(name, '%')) << name;
     }
   }
 }

@@ -75,10 +75,12 @@ class Failures:
 
 # --- parsing -----------------------------------------------------------------
 
-_TOKEN = re.compile(r'\s*(?:(nullptr)|"((?:[^"\\]|\\.)*)"|(-?0x[0-9A-Fa-f]+|-?\d+))\s*(,|$)')
+_TOKEN = re.compile(r'\s*(?:(kGpuDbNoText)|"((?:[^"\\]|\\.)*)"|(-?0x[0-9A-Fa-f]+|-?\d+))\s*(,|$)')
+_LITERAL = re.compile(r'"((?:[^"\\]|\\.)*)"')
+_STRING_COLUMNS = {"GpuDbRow": (1, 2, 3), "BoardNameRow": (4, 5)}
 
 
-def _unescape(body):
+def _unescape_bytes(body):
     out = bytearray()
     i = 0
     while i < len(body):
@@ -95,7 +97,11 @@ def _unescape(body):
             continue
         out.extend(c.encode("utf-8"))
         i += 1
-    return out.decode("utf-8")
+    return bytes(out)
+
+
+def _unescape(body):
+    return _unescape_bytes(body).decode("utf-8")
 
 
 def _cells(inner):
@@ -120,18 +126,28 @@ def parse_table(path, array):
     is the sizeof expression (counting the terminator)."""
     with open(path, encoding="ascii") as f:
         text = f.read()
-    m = re.search(r"const (?:GpuDbRow|BoardNameRow) %s\[\] = \{\n(.*?)\n\};" % re.escape(array), text, re.S)
+    tm = re.search(r"const char %s_text\[\] =\n(.*?);\n" % re.escape(array), text, re.S)
+    if not tm:
+        raise ValueError("%s: text block %s_text not found" % (path, array))
+    block = b"".join(_unescape_bytes(lm.group(1)) for lm in _LITERAL.finditer(tm.group(1)))
+    m = re.search(r"const (GpuDbRow|BoardNameRow) %s\[\] = \{\n(.*?)\n\};" % re.escape(array), text, re.S)
     if not m:
         raise ValueError("%s: array %s not found" % (path, array))
     rows = []
-    for line in m.group(1).split("\n"):
+    for line in m.group(2).split("\n"):
         line = line.strip()
         if not line:
             continue
         rm = re.match(r"^\{(.*)\},(\s*//.*)?$", line)
         if not rm:
             raise ValueError("%s: bad row line %r" % (path, line))
-        rows.append(_cells(rm.group(1)))
+        cells = _cells(rm.group(1))
+        for k in _STRING_COLUMNS[m.group(1)]:
+            if cells[k] is not None:
+                if not 0 <= cells[k] < len(block):
+                    raise ValueError("%s: offset %d outside %s_text" % (path, cells[k], array))
+                cells[k] = block[cells[k]:block.index(b"\0", cells[k])].decode("utf-8")
+        rows.append(cells)
     sizeof = re.search(r"const unsigned long %s_num_rows = sizeof\(%s\) / sizeof\(%s\[0\]\);"
                        % ((re.escape(array),) * 3), text) is not None
     return rows, sizeof
@@ -364,17 +380,18 @@ def compile_all(dirpath, fail):
              "    int bad = 0;"]
     for x in GPU_TABLES:
         a = "gpu_db_" + x
-        lines.append("    { const GpuDbRow& t = %s[%s_num_rows - 1];" % (a, a))
-        lines.append("      if (t.device_id != 0 || t.codename || t.variant || t.adapter_name) { std::printf(\"%s\\n\"); ++bad; }" % a)
-        lines.append("      for (unsigned long i = 0; i + 1 < %s_num_rows; ++i)"
-                     " if (!%s[i].adapter_name || !%s[i].codename || !%s[i].variant || std::strchr(%s[i].adapter_name, '%%')) ++bad; }"
-                     % (a, a, a, a, a))
+        lines.append("    { const GpuDbTable tb = GPUDB_TABLE(%s); const GpuDbRow& t = tb.rows[tb.num_rows - 1];" % a)
+        lines.append("      if (t.device_id != 0 || tb.codename(t) || tb.variant(t) || tb.adapter_name(t))"
+                     " { std::printf(\"%s\\n\"); ++bad; }" % a)
+        lines.append("      for (unsigned long i = 0; i + 1 < tb.num_rows; ++i)"
+                     " if (!tb.adapter_name(tb.rows[i]) || !tb.codename(tb.rows[i]) || !tb.variant(tb.rows[i])"
+                     " || std::strchr(tb.adapter_name(tb.rows[i]), '%')) ++bad; }")
     for x in BOARD_TABLES:
         a = "board_names_" + x
-        lines.append("    { const BoardNameRow& t = %s[%s_num_rows - 1];" % (a, a))
-        lines.append("      if (t.vendor != 0 || t.marketing_name || t.revision) { std::printf(\"%s\\n\"); ++bad; }" % a)
-        lines.append("      for (unsigned long i = 0; i + 1 < %s_num_rows; ++i)"
-                     " if (%s[i].vendor == 0 || std::strlen(%s[i].revision) != 2) ++bad; }" % (a, a, a))
+        lines.append("    { const BoardNameTable tb = GPUDB_TABLE(%s); const BoardNameRow& t = tb.rows[tb.num_rows - 1];" % a)
+        lines.append("      if (t.vendor != 0 || tb.marketing_name(t) || tb.revision(t)) { std::printf(\"%s\\n\"); ++bad; }" % a)
+        lines.append("      for (unsigned long i = 0; i + 1 < tb.num_rows; ++i)"
+                     " if (tb.rows[i].vendor == 0 || std::strlen(tb.revision(tb.rows[i])) != 2) ++bad; }")
     lines += ["    std::printf(\"nvidia %lu amd %lu intel %lu\\n\", gpu_db_nvidia_num_rows, gpu_db_amd_num_rows,"
               " gpu_db_intel_num_rows);", "    return bad ? 1 : 0;", "}"]
     with open(main_src, "w") as f:

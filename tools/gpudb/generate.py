@@ -3,8 +3,9 @@
 
     python3 tools/gpudb/generate.py [--sources DIR] [--out DIR] [--curated DIR] [--quiet]
 
-Inputs: the public data files in --sources (default ../shared/gpudb relative
-to the repository root) and the hand-curated CSV files in gpudb/curated/.
+Inputs: the public data files in --sources (default tools/gpudb/data/, where
+tools/gpudb/data/README.md says where each came from) and the hand-curated CSV
+files in gpudb/curated/.
 Output is deterministic: the same inputs give byte-identical files.
 """
 
@@ -60,7 +61,7 @@ BOARD_TABLES = [
 
 def main(argv=None):
     ap = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    ap.add_argument("--sources", default=os.path.normpath(os.path.join(REPO, "..", "shared", "gpudb")))
+    ap.add_argument("--sources", default=os.path.join(HERE, "data"))
     ap.add_argument("--out", default=os.path.join(REPO, "gpudb", "generated"))
     ap.add_argument("--curated", default=os.path.join(REPO, "gpudb", "curated"))
     ap.add_argument("--quiet", action="store_true")
