@@ -41,10 +41,20 @@ zev::GpuMonitor* PluginLibrary::create() {
 int PluginLibrary::destroy(zev::GpuMonitor* monitor) { return destroy_ ? destroy_(monitor) : 0; }
 
 std::string default_plugin_path() {
+  const std::string file = "plugin_zev_gpumon_x64.so";
   char self[PATH_MAX];
   ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
-  if (n <= 0) return "plugin_zev_gpumon_x64.so";
+  if (n <= 0) return file;
   std::string dir(self, static_cast<size_t>(n));
   dir.erase(dir.find_last_of('/') + 1);
-  return dir + "plugin_zev_gpumon_x64.so";
+  const std::string beside = dir + file;
+#ifdef ZEV_INSTALLED_PLUGIN_DIR
+  // An installed gpumon has no plug-in beside it: it takes the one in the
+  // prefix's plug-in folder.
+  const std::string installed = dir + ZEV_INSTALLED_PLUGIN_DIR + "/" + file;
+  if (access(beside.c_str(), F_OK) != 0 && access(installed.c_str(), F_OK) == 0) {
+    return installed;
+  }
+#endif
+  return beside;
 }

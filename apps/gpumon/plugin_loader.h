@@ -28,5 +28,6 @@ class PluginLibrary {
   int (*destroy_)(void*) = nullptr;
 };
 
-// The default plug-in path: plugin_zev_gpumon_x64.so next to the running program.
+// The default plug-in path: plugin_zev_gpumon_x64.so next to the running
+// program, or, where there is none, the one in the installed plug-in folder.
 std::string default_plugin_path();
