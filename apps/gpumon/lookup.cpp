@@ -7,8 +7,8 @@
 #include <vector>
 
 #include "gpudb/vendor_tables.h"
+#include "json_report.h"
 #include "plugin/gpu_monitor_vorn.h"
-#include "report.h"
 
 namespace {
 
@@ -57,32 +57,18 @@ const char* vendor_name(unsigned long vendor) {
   }
 }
 
-struct BoardTable {
-  const BoardNameRow* rows;
-  unsigned long num_rows;
-};
-
-BoardTable boards_of(unsigned long vendor) {
-  switch (vendor) {
-    case gpudb_vendor::kNvidia: return {board_names_nvidia, board_names_nvidia_num_rows};
-    case gpudb_vendor::kAmd: return {board_names_amd, board_names_amd_num_rows};
-    case gpudb_vendor::kIntel: return {board_names_intel, board_names_intel_num_rows};
-    case gpudb_vendor::kMooreThreads:
-      return {board_names_moore_threads, board_names_moore_threads_num_rows};
-    default: return {nullptr, 0};
-  }
-}
-
 std::string text_or_dash(const char* s) { return (s && *s) ? s : "-"; }
 std::string count_or_dash(int v) { return v < 0 ? "-" : std::to_string(v); }
 
-json row_json(const GpuDbRow& row, unsigned long index) {
+json row_json(const GpuDbTable& table, unsigned long index) {
   auto number = [](int v) { return v < 0 ? json(nullptr) : json(v); };
+  auto text = [](const char* s) { return s ? s : ""; };
+  const GpuDbRow& row = table.rows[index];
   return {{"index", index},
           {"device_id", row.device_id},
-          {"codename", row.codename ? row.codename : ""},
-          {"variant", row.variant ? row.variant : ""},
-          {"adapter_name", row.adapter_name ? row.adapter_name : ""},
+          {"codename", text(table.codename(row))},
+          {"variant", text(table.variant(row))},
+          {"adapter_name", text(table.adapter_name(row))},
           {"api_level", number(row.api_level)},
           {"shaders", number(row.num_unified_shader_processors)},
           {"vertex_shaders", number(row.num_vertex_shaders)},
@@ -105,9 +91,9 @@ int run_lookup(const std::string& id, bool as_json) {
   const int index = static_cast<int>(
       pci.has_revision ? monitor.gpu_db_get_index_v2(pci.vendor, pci.device, pci.revision_text)
                        : monitor.gpu_db_get_index(pci.vendor, pci.device));
-  const VendorTable table = gpu_db_index_table(pci.vendor);
+  const GpuDbTable table = gpu_db_index_table(pci.vendor);
   const GpuDbRow* row =
-      (index >= 0 && table.rows != nullptr && table.rows[index].adapter_name != nullptr)
+      (index >= 0 && table.rows != nullptr && table.adapter_name(table.rows[index]) != nullptr)
           ? &table.rows[index]
           : nullptr;
 
@@ -119,7 +105,7 @@ int run_lookup(const std::string& id, bool as_json) {
       others.push_back(i);
   }
   std::vector<const BoardNameRow*> boards;
-  const BoardTable board_table = boards_of(pci.vendor);
+  const BoardNameTable board_table = gpu_db_board_table(pci.vendor);
   for (unsigned long i = 0; i < board_table.num_rows && board_table.rows[i].vendor != 0; ++i) {
     const BoardNameRow& b = board_table.rows[i];
     if (b.device == pci.device) boards.push_back(&b);
@@ -131,16 +117,18 @@ int run_lookup(const std::string& id, bool as_json) {
 
   if (as_json) {
     json doc = {{"id", pci_text}, {"vendor", vendor_name(pci.vendor)}};
-    doc["row"] = row ? row_json(*row, static_cast<unsigned long>(index)) : json(nullptr);
+    doc["row"] = row ? row_json(table, static_cast<unsigned long>(index)) : json(nullptr);
     json other_rows = json::array();
-    for (unsigned long i : others) other_rows.push_back(row_json(table.rows[i], i));
+    for (unsigned long i : others) other_rows.push_back(row_json(table, i));
     doc["other_rows"] = other_rows;
     json board_rows = json::array();
     for (const BoardNameRow* b : boards) {
+      const char* revision = board_table.revision(*b);
+      const char* name = board_table.marketing_name(*b);
       board_rows.push_back({{"subvendor_id", b->subvendor},
                             {"subdevice_id", b->subdevice},
-                            {"revision", b->revision ? b->revision : ""},
-                            {"marketing_name", b->marketing_name ? b->marketing_name : ""}});
+                            {"revision", revision ? revision : ""},
+                            {"marketing_name", name ? name : ""}});
     }
     doc["boards"] = board_rows;
     std::printf("%s\n", dump_json(doc, true).c_str());
@@ -152,9 +140,9 @@ int run_lookup(const std::string& id, bool as_json) {
     std::printf("  not in the GPU database\n");
   } else {
     std::printf("  row %d of the %s table\n", index, vendor_name(pci.vendor));
-    std::printf("  name:       %s\n", row->adapter_name);
-    std::printf("  codename:   %s\n", text_or_dash(row->codename).c_str());
-    std::printf("  variant:    %s\n", text_or_dash(row->variant).c_str());
+    std::printf("  name:       %s\n", table.adapter_name(*row));
+    std::printf("  codename:   %s\n", text_or_dash(table.codename(*row)).c_str());
+    std::printf("  variant:    %s\n", text_or_dash(table.variant(*row)).c_str());
     std::printf("  api level:  %s\n", count_or_dash(row->api_level).c_str());
     std::printf("  shaders:    %s", count_or_dash(row->num_unified_shader_processors).c_str());
     if (row->num_unified_shader_processors == 0) {
@@ -168,12 +156,13 @@ int run_lookup(const std::string& id, bool as_json) {
   }
   for (unsigned long i : others) {
     const GpuDbRow& r = table.rows[i];
-    std::printf("  also row %lu: %s%s%s\n", i, r.adapter_name,
-                (r.variant && *r.variant) ? ", variant " : "", (r.variant ? r.variant : ""));
+    const char* variant = table.variant(r);
+    std::printf("  also row %lu: %s%s%s\n", i, table.adapter_name(r),
+                (variant && *variant) ? ", variant " : "", (variant ? variant : ""));
   }
   for (const BoardNameRow* b : boards) {
     std::printf("  board %04X:%04X rev %s: %s\n", b->subvendor, b->subdevice,
-                text_or_dash(b->revision).c_str(), b->marketing_name);
+                text_or_dash(board_table.revision(*b)).c_str(), board_table.marketing_name(*b));
   }
   return row ? 0 : 1;
 }

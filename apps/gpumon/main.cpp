@@ -1,5 +1,8 @@
 // gpumon: a command-line host for the GPU monitor plug-in. It loads the
-// plug-in as a host does, initialises the monitor and shows what it sees.
+// plug-in as a host does, initialises the monitor and shows what it sees:
+// a table, a JSON document or the fields a --query names, once or at every
+// refresh. Standard output holds nothing else; trace lines go to stderr
+// with --trace, and into the JSON documents.
 #include <signal.h>
 #include <unistd.h>
 
@@ -9,12 +12,16 @@
 #include <string>
 #include <vector>
 
+#include "csv_query.h"
+#include "gpu_selection.h"
+#include "json_report.h"
 #include "lookup.h"
 #include "machine.h"
 #include "options.h"
 #include "overlay.h"
 #include "plugin_loader.h"
 #include "report.h"
+#include "serve.h"
 #include "zev/trace.h"
 
 namespace {
@@ -25,7 +32,8 @@ void on_signal(int) { g_interrupted = 1; }
 
 struct TraceCollector {
   std::vector<TraceLine> lines;
-  bool echo = false;  // print each line as it comes
+  size_t reported = 0;  // lines already put into a JSON document
+  bool echo = false;    // print each line on stderr as it comes
 };
 
 void collect_trace(zev::TraceLevel level, const char* line, void* user) {
@@ -33,9 +41,9 @@ void collect_trace(zev::TraceLevel level, const char* line, void* user) {
   collector->lines.push_back({level, line});
   if (collector->echo) {
     if (level == zev::TRACE_INFO) {
-      std::printf("%s\n", line);
+      std::fprintf(stderr, "%s\n", line);
     } else {
-      std::printf("[%s] %s\n", zev::trace_level_name(level), line);
+      std::fprintf(stderr, "[%s] %s\n", zev::trace_level_name(level), line);
     }
   }
 }
@@ -60,15 +68,9 @@ std::string self_path() {
 }
 
 // Runs this same program inside the fake machine, without --machine.
-int run_in_machine(const Options& options, int argc, char** argv) {
+int run_in_machine(const Options& options) {
   std::vector<std::string> args = {self_path()};
-  for (int i = 1; i < argc; ++i) {
-    if (std::string(argv[i]) == "--machine") {
-      ++i;
-      continue;
-    }
-    args.push_back(argv[i]);
-  }
+  args.insert(args.end(), options.args_without_machine.begin(), options.args_without_machine.end());
   if (options.plugin.empty()) {
     args.push_back("--plugin");
     args.push_back(default_plugin_path());
@@ -77,17 +79,45 @@ int run_in_machine(const Options& options, int argc, char** argv) {
   if (!result.error.empty()) {
     std::fprintf(stderr, "gpumon: cannot run in machine %s: %s\n", options.machine.c_str(),
                  result.error.c_str());
-    return 3;
+    return kExitMachine;
   }
   return result.exit_code;
 }
 
-void show(zev::GpuMonitor* monitor, const Options& options, TraceCollector* traces) {
-  if (options.json) {
-    std::printf("%s\n", dump_json(render_json(monitor, traces->lines), options.watch_seconds == 0)
+// What is shown at each refresh, and of which GPUs.
+struct Report {
+  zev::GpuMonitor* monitor = nullptr;
+  const Options* options = nullptr;
+  std::vector<unsigned long> slots;    // the GPUs --gpu picked
+  std::vector<std::string> addresses;  // PCI address of every GPU, by slot
+  std::vector<const GpuField*> query;  // --query fields
+  TraceCollector* traces = nullptr;
+};
+
+void show(Report* report, long refresh) {
+  const Options& options = *report->options;
+  const std::string now = utc_timestamp();
+  const std::vector<GpuView> gpus =
+      gpu_views(report->monitor, report->slots, report->addresses, now);
+  if (!report->query.empty()) {
+    if (options.csv_header && refresh <= 1) std::printf("%s", csv_header(report->query).c_str());
+    std::printf("%s", csv_rows(report->query, gpus, options.csv_units).c_str());
+  } else if (options.json) {
+    // Each document carries the trace lines since the one before.
+    TraceCollector* t = report->traces;
+    const std::vector<TraceLine> fresh(t->lines.begin() + static_cast<long>(t->reported),
+                                       t->lines.end());
+    t->reported = t->lines.size();
+    std::printf("%s\n", dump_json(render_json(report->monitor, gpus, fresh, now),
+                                  options.watch_seconds == 0)
                             .c_str());
   } else {
-    std::printf("%s", render_table(monitor).c_str());
+    if (refresh > 0) {
+      if (isatty(STDOUT_FILENO)) std::printf("\033[H\033[2J");
+      std::printf("gpumon: refresh %ld, every %g s (Ctrl-C to stop)\n\n", refresh,
+                  options.watch_seconds);
+    }
+    std::printf("%s", render_table(report->monitor, gpus).c_str());
   }
   std::fflush(stdout);
 }
@@ -98,73 +128,83 @@ int main(int argc, char** argv) {
   Options options;
   std::string error;
   if (!parse_options(argc, argv, &options, &error)) {
-    std::fprintf(stderr, "gpumon: %s\n%s", error.c_str(), usage_text());
-    return 2;
+    std::fprintf(stderr, "gpumon: %s\n%s", error.c_str(), usage_hint());
+    return kExitUsage;
   }
   if (options.help) {
     std::printf("%s", usage_text());
-    return 0;
+    return kExitOk;
+  }
+  if (options.help_query) {
+    std::printf("Fields of --query FIELD,... (an unknown value prints as [N/A]):\n%s",
+                query_fields_help().c_str());
+    return kExitOk;
+  }
+  if (options.version) {
+    std::printf("gpumon %s (JSON schema version %d)\n", ZEV_VERSION, kJsonSchemaVersion);
+    return kExitOk;
   }
   if (!options.lookup.empty()) return run_lookup(options.lookup, options.json);
-  if (!options.machine.empty()) return run_in_machine(options, argc, argv);
+  if (!options.machine.empty()) return run_in_machine(options);
 
   TraceCollector traces;
-  traces.echo = !options.json;
+  traces.echo = options.trace;
   zev::set_trace_sink(collect_trace, &traces);
 
   const std::string path = options.plugin.empty() ? default_plugin_path() : options.plugin;
   PluginLibrary library;
   if (!library.open(path, &error)) {
     std::fprintf(stderr, "gpumon: %s\n", error.c_str());
-    return 2;
+    return kExitUsage;
   }
   zev::GpuMonitor* monitor = library.create();
   if (monitor == nullptr) {
     std::fprintf(stderr, "gpumon: %s created no monitor\n", path.c_str());
-    return 2;
+    return kExitUsage;
   }
+  auto finish = [&](int code) {
+    monitor->terminate();
+    library.destroy(monitor);
+    zev::set_trace_sink(nullptr, nullptr);
+    return code;
+  };
 
   struct sigaction action {};
   action.sa_handler = on_signal;
   sigaction(SIGINT, &action, nullptr);
   sigaction(SIGTERM, &action, nullptr);
 
-  if (options.gl_info) {
-    const int code = show_gl_info(monitor, options);
-    monitor->terminate();
-    library.destroy(monitor);
-    zev::set_trace_sink(nullptr, nullptr);
-    return code;
-  }
+  if (options.gl_info) return finish(show_gl_info(monitor, options));
+  if (!options.serve.empty()) return finish(serve_metrics(monitor, options));
 
   monitor->initialize();
-  if (!options.json) std::printf("\n");
+
+  Report report;
+  report.monitor = monitor;
+  report.options = &options;
+  report.traces = &traces;
+  report.addresses = gpu_pci_addresses(monitor);
+  for (const std::string& name : options.query) report.query.push_back(find_query_field(name));
+  if (!select_gpus(options.gpus, report.addresses, &report.slots, &error)) {
+    std::fprintf(stderr, "gpumon: %s\n", error.c_str());
+    return finish(kExitNotFound);
+  }
 
   UsageHistory history;
   if (options.watch_seconds <= 0) {
     record_usages(monitor, &history);
-    show(monitor, options, &traces);
+    show(&report, 0);
   } else {
-    const bool tty = isatty(STDOUT_FILENO) && !options.json;
     for (long refresh = 1; !g_interrupted; ++refresh) {
       monitor->update_dynamic_data();
       record_usages(monitor, &history);
-      if (tty) std::printf("\033[H\033[2J");
-      if (!options.json) {
-        std::printf("gpumon: refresh %ld, every %g s (Ctrl-C to stop)\n\n", refresh,
-                    options.watch_seconds);
-      }
-      show(monitor, options, &traces);
+      show(&report, refresh);
       if (options.count != 0 && refresh >= options.count) break;
       sleep_interruptible(options.watch_seconds);
     }
   }
 
-  int code = 0;
+  int code = kExitOk;
   if (!options.overlay.empty()) code = render_overlay(monitor, options, history);
-
-  monitor->terminate();
-  library.destroy(monitor);
-  zev::set_trace_sink(nullptr, nullptr);
-  return code;
+  return finish(code);
 }

@@ -1,15 +1,202 @@
 #include "options.h"
 
+#include <getopt.h>
+
+#include <cerrno>
+#include <cmath>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
+#include "gpu_fields.h"
+#include "gpu_selection.h"
+#include "serve.h"
+
 namespace {
 
-bool parse_number(const char* text, double* value) {
-  if (text == nullptr || *text == '\0') return false;
+enum OptionId {
+  kJson = 256,
+  kWatch,
+  kCount,
+  kQuery,
+  kFormat,
+  kGpu,
+  kTrace,
+  kMachine,
+  kPlugin,
+  kLookup,
+  kOverlay,
+  kSize,
+  kGl,
+  kText,
+  kGlInfo,
+  kServe,
+  kHelpQuery,
+  kVersion,
+};
+
+const option kLongOptions[] = {
+    {"json", no_argument, nullptr, kJson},
+    {"watch", required_argument, nullptr, kWatch},
+    {"count", required_argument, nullptr, kCount},
+    {"query", required_argument, nullptr, kQuery},
+    {"format", required_argument, nullptr, kFormat},
+    {"gpu", required_argument, nullptr, kGpu},
+    {"trace", no_argument, nullptr, kTrace},
+    {"machine", required_argument, nullptr, kMachine},
+    {"plugin", required_argument, nullptr, kPlugin},
+    {"lookup", required_argument, nullptr, kLookup},
+    {"overlay", required_argument, nullptr, kOverlay},
+    {"size", required_argument, nullptr, kSize},
+    {"gl", required_argument, nullptr, kGl},
+    {"text", required_argument, nullptr, kText},
+    {"gl-info", no_argument, nullptr, kGlInfo},
+    {"serve", required_argument, nullptr, kServe},
+    {"help", no_argument, nullptr, 'h'},
+    {"help-query", no_argument, nullptr, kHelpQuery},
+    {"version", no_argument, nullptr, kVersion},
+    {nullptr, 0, nullptr, 0},
+};
+
+// The items of a comma-separated list, blanks around them dropped.
+std::vector<std::string> split_list(const std::string& text) {
+  std::vector<std::string> items;
+  size_t start = 0;
+  for (;;) {
+    const size_t comma = text.find(',', start);
+    std::string item = text.substr(start, comma == std::string::npos ? comma : comma - start);
+    item.erase(0, item.find_first_not_of(' '));
+    item.erase(item.find_last_not_of(' ') + 1);
+    items.push_back(item);
+    if (comma == std::string::npos) return items;
+    start = comma + 1;
+  }
+}
+
+bool parse_seconds(const char* text, double* value) {
   char* end = nullptr;
   *value = std::strtod(text, &end);
-  return end != nullptr && *end == '\0';
+  return *text != '\0' && *end == '\0' && std::isfinite(*value) && *value > 0.0;
+}
+
+bool parse_count(const char* text, long* value) {
+  char* end = nullptr;
+  errno = 0;
+  *value = std::strtol(text, &end, 10);
+  return *text != '\0' && *end == '\0' && errno == 0 && *value >= 1;
+}
+
+// One option and its value (null for a flag) into *o; false with *error set
+// when the value is not one the option takes.
+bool apply(int id, const char* v, Options* o, bool* format_given, std::string* error) {
+  const std::string value = v != nullptr ? v : "";
+  auto fail = [&](const std::string& message) {
+    *error = message + ", not '" + value + "'";
+    return false;
+  };
+  switch (id) {
+    case kJson:
+      o->json = true;
+      return true;
+    case 'h':
+      o->help = true;
+      return true;
+    case kHelpQuery:
+      o->help_query = true;
+      return true;
+    case kVersion:
+      o->version = true;
+      return true;
+    case kTrace:
+      o->trace = true;
+      return true;
+    case kGlInfo:
+      o->gl_info = true;
+      return true;
+    case kMachine:
+      // An empty folder name must not fall back to the real machine.
+      if (value.empty()) return fail("--machine needs a machine folder");
+      o->machine = value;
+      return true;
+    case kPlugin:
+      o->plugin = value;
+      return true;
+    case kLookup:
+      o->lookup = value;
+      return true;
+    case kWatch:
+      return parse_seconds(v, &o->watch_seconds) ||
+             fail("--watch needs a positive, finite number of seconds");
+    case kCount:
+      return parse_count(v, &o->count) || fail("--count needs a positive whole number");
+    case kQuery:
+      for (const std::string& name : split_list(value)) {
+        if (find_query_field(name) == nullptr) {
+          *error = "--query has no field '" + name + "' (gpumon --help-query lists them)";
+          return false;
+        }
+        o->query.push_back(name);
+      }
+      return true;
+    case kFormat: {
+      bool csv = false;
+      o->csv_header = o->csv_units = true;
+      for (const std::string& item : split_list(value)) {
+        if (item == "csv") {
+          csv = true;
+        } else if (item == "noheader") {
+          o->csv_header = false;
+        } else if (item == "nounits") {
+          o->csv_units = false;
+        } else {
+          csv = false;
+          break;
+        }
+      }
+      *format_given = true;
+      return csv || fail("--format is csv[,noheader][,nounits]");
+    }
+    case kGpu:
+      for (const std::string& selector : split_list(value)) {
+        if (!valid_gpu_selector(selector))
+          return fail("--gpu takes GPU numbers or PCI addresses (0, 0000:03:00.0, 03:00.0)");
+        o->gpus.push_back(selector);
+      }
+      return true;
+    case kOverlay:
+      if (value.empty()) return fail("--overlay needs a file name");
+      o->overlay = value;
+      return true;
+    case kSize: {
+      int w = 0, h = 0;
+      char tail = 0;
+      if (std::sscanf(v, "%dx%d%c", &w, &h, &tail) != 2 || w <= 0 || h <= 0)
+        return fail("--size needs WIDTHxHEIGHT in pixels");
+      o->overlay_width = w;
+      o->overlay_height = h;
+      return true;
+    }
+    case kGl:
+      if (value != "3.3" && value != "2.1") return fail("--gl is 3.3 or 2.1");
+      o->gl_major = value[0] - '0';
+      o->gl_minor = value[2] - '0';
+      return true;
+    case kText:
+      if (value != "simplified" && value != "v2" && value != "v3" && value != "v4" && value != "v5")
+        return fail("--text is simplified, v2, v3, v4 or v5");
+      o->text = value;
+      return true;
+    case kServe: {
+      std::string host;
+      int port = 0;
+      if (!parse_listen_address(value, &host, &port))
+        return fail("--serve needs HOST:PORT (e.g. 127.0.0.1:9400, [::1]:9400)");
+      o->serve = value;
+      return true;
+    }
+  }
+  *error = "unhandled option";
+  return false;
 }
 
 }  // namespace
@@ -19,8 +206,13 @@ const char* usage_text() {
          "Loads the GPU monitor plug-in and shows the GPUs it finds.\n"
          "\n"
          "  --json               print one JSON document instead of the table\n"
+         "  --query FIELD,...    print these fields, one line per GPU (gpumon --help-query\n"
+         "                       lists them; most are nvidia-smi's --query-gpu names)\n"
+         "  --format csv[,noheader][,nounits]  how --query prints (default csv)\n"
+         "  --gpu INDEX|PCI-ADDRESS[,...]  show only these GPUs (table, JSON, CSV)\n"
          "  --watch SECONDS      refresh every SECONDS until interrupted (Ctrl-C)\n"
          "  --count N            with --watch: stop after N refreshes\n"
+         "  --trace              print the monitor's trace lines on stderr\n"
          "  --machine DIR        run inside the fake machine described by DIR\n"
          "  --plugin PATH        plug-in library to load (default: next to gpumon)\n"
          "  --lookup VEN:DEV[:REV]  show what the GPU database knows of a PCI id (hex)\n"
@@ -31,98 +223,70 @@ const char* usage_text() {
          "  --gl 3.3|2.1         OpenGL context: 3.3 core (GLSL 1.50, default) or 2.1 (GLSL 1.20)\n"
          "  --text MODE          overlay text: simplified, v2, v3, v4 or v5 (default)\n"
          "  --gl-info            the OpenGL snapshot of a context: strings, limits, extensions\n"
-         "  --help               show this help\n";
+         "  --serve HOST:PORT    serve Prometheus metrics on http://HOST:PORT/metrics, refreshed\n"
+         "                       on each scrape, until SIGINT or SIGTERM (port 0: any free one)\n"
+         "  --help, -h           show this help\n"
+         "  --help-query         list the --query fields\n"
+         "  --version            show gpumon's version and JSON schema version\n"
+         "\n"
+         "Exit codes: 0 done; 1 not found (an unknown --gpu or --lookup id, no GPU to\n"
+         "draw); 2 bad command line or plug-in; 3 the fake machine could not be set up;\n"
+         "4 no OpenGL context or the overlay could not be written; 5 --serve cannot\n"
+         "listen on its address.\n";
 }
 
+const char* usage_hint() { return "Run 'gpumon --help' for the options.\n"; }
+
 bool parse_options(int argc, char** argv, Options* options, std::string* error) {
-  for (int i = 1; i < argc; ++i) {
-    const char* arg = argv[i];
-    auto value = [&](const char* name) -> const char* {
-      if (i + 1 >= argc) {
-        *error = std::string(name) + " needs a value";
-        return nullptr;
-      }
-      return argv[++i];
-    };
-    if (std::strcmp(arg, "--json") == 0) {
-      options->json = true;
-    } else if (std::strcmp(arg, "--help") == 0 || std::strcmp(arg, "-h") == 0) {
-      options->help = true;
-    } else if (std::strcmp(arg, "--watch") == 0) {
-      const char* v = value(arg);
-      if (v == nullptr) return false;
-      if (!parse_number(v, &options->watch_seconds) || options->watch_seconds <= 0.0) {
-        *error = std::string("--watch needs a positive number of seconds, not '") + v + "'";
-        return false;
-      }
-    } else if (std::strcmp(arg, "--count") == 0) {
-      const char* v = value(arg);
-      if (v == nullptr) return false;
-      double n = 0;
-      if (!parse_number(v, &n) || n < 1 || n != static_cast<long>(n)) {
-        *error = std::string("--count needs a positive whole number, not '") + v + "'";
-        return false;
-      }
-      options->count = static_cast<long>(n);
-    } else if (std::strcmp(arg, "--machine") == 0) {
-      const char* v = value(arg);
-      if (v == nullptr) return false;
-      options->machine = v;
-    } else if (std::strcmp(arg, "--lookup") == 0) {
-      const char* v = value(arg);
-      if (v == nullptr) return false;
-      options->lookup = v;
-    } else if (std::strcmp(arg, "--overlay") == 0) {
-      const char* v = value(arg);
-      if (v == nullptr) return false;
-      if (*v == '\0') {
-        *error = "--overlay needs a file name";
-        return false;
-      }
-      options->overlay = v;
-    } else if (std::strcmp(arg, "--size") == 0) {
-      const char* v = value(arg);
-      if (v == nullptr) return false;
-      int w = 0, h = 0;
-      char tail = 0;
-      if (std::sscanf(v, "%dx%d%c", &w, &h, &tail) != 2 || w <= 0 || h <= 0) {
-        *error = std::string("--size needs WIDTHxHEIGHT in pixels, not '") + v + "'";
-        return false;
-      }
-      options->overlay_width = w;
-      options->overlay_height = h;
-    } else if (std::strcmp(arg, "--gl") == 0) {
-      const char* v = value(arg);
-      if (v == nullptr) return false;
-      if (std::strcmp(v, "3.3") == 0 || std::strcmp(v, "2.1") == 0) {
-        options->gl_major = v[0] - '0';
-        options->gl_minor = v[2] - '0';
-      } else {
-        *error = std::string("--gl is 3.3 or 2.1, not '") + v + "'";
-        return false;
-      }
-    } else if (std::strcmp(arg, "--text") == 0) {
-      const char* v = value(arg);
-      if (v == nullptr) return false;
-      const std::string mode = v;
-      if (mode != "simplified" && mode != "v2" && mode != "v3" && mode != "v4" && mode != "v5") {
-        *error = "--text is simplified, v2, v3, v4 or v5, not '" + mode + "'";
-        return false;
-      }
-      options->text = mode;
-    } else if (std::strcmp(arg, "--gl-info") == 0) {
-      options->gl_info = true;
-    } else if (std::strcmp(arg, "--plugin") == 0) {
-      const char* v = value(arg);
-      if (v == nullptr) return false;
-      options->plugin = v;
-    } else {
-      *error = std::string("unknown option '") + arg + "'";
+  opterr = 0;  // the messages are ours
+  optind = 0;  // a fresh scan
+  std::vector<bool> machine_arg(static_cast<size_t>(argc), false);
+  bool format_given = false;
+  for (;;) {
+    const int first = optind == 0 ? 1 : optind;
+    // "+": stop at the first word that is no option, and never reorder argv.
+    const int id = getopt_long(argc, argv, "+:h", kLongOptions, nullptr);
+    if (id == -1) break;
+    if (id == '?') {
+      *error = optopt > 0 && optopt < 256
+                   ? std::string("unknown option '-") + static_cast<char>(optopt) + "'"
+                   : std::string("unknown option '") + argv[optind - 1] + "'";
       return false;
     }
+    if (id == ':') {
+      *error = std::string("option '") + argv[optind - 1] + "' needs a value";
+      return false;
+    }
+    if (!apply(id, optarg, options, &format_given, error)) return false;
+    if (id == kMachine)
+      for (int i = first; i < optind; ++i) machine_arg[static_cast<size_t>(i)] = true;
   }
+  if (optind < argc) {
+    *error = std::string("unexpected argument '") + argv[optind] + "'";
+    return false;
+  }
+  for (int i = 1; i < argc; ++i)
+    if (!machine_arg[static_cast<size_t>(i)]) options->args_without_machine.push_back(argv[i]);
   if (options->count != 0 && options->watch_seconds == 0.0) {
     *error = "--count only goes with --watch";
+    return false;
+  }
+  if (format_given && options->query.empty()) {
+    *error = "--format only goes with --query";
+    return false;
+  }
+  if (options->json && !options->query.empty()) {
+    *error = "--json and --query are two outputs: give one";
+    return false;
+  }
+  if (!options->gpus.empty() && !options->overlay.empty()) {
+    *error = "--gpu does not apply to --overlay, which draws every GPU";
+    return false;
+  }
+  if (!options->serve.empty() && (options->json || !options->query.empty() ||
+                                  options->watch_seconds > 0 || !options->overlay.empty() ||
+                                  options->gl_info || !options->lookup.empty())) {
+    *error = "--serve goes with --gpu, --trace, --machine and --plugin alone";
     return false;
   }
   return true;

@@ -7,8 +7,6 @@
 
 namespace {
 
-using nlohmann::json;
-
 bool known(float v) { return v != -1.0f; }
 
 std::string hex4(uint64_t v) {
@@ -37,8 +35,6 @@ std::string units_text(const zev::GPU* gpu) {
   return count_text(gpu->num_shader_cores) + "/" + count_text(gpu->num_texture_units) + "/" +
          count_text(gpu->num_rops);
 }
-
-json count_or_null(uint32_t v) { return count_known(v) ? json(v) : json(nullptr); }
 
 std::string with_range(float current, float min, float max) {
   std::string text = format_value(current, 0);
@@ -83,61 +79,6 @@ std::string columns(const std::vector<std::vector<std::string>>& rows) {
   return out;
 }
 
-json value_or_null(float v) { return known(v) ? json(v) : json(nullptr); }
-
-json triple(float current, float min, float max) {
-  return {{"current", value_or_null(current)}, {"min", value_or_null(min)},
-          {"max", value_or_null(max)}};
-}
-
-json gpu_json(unsigned long slot, const zev::GPU* gpu) {
-  json fans = json::array();
-  for (uint64_t i = 0; gpu->fans != nullptr && i < gpu->num_fans; ++i) {
-    fans.push_back({{"percent", value_or_null(gpu->fans[i].speed_percent)},
-                    {"rpm", value_or_null(gpu->fans[i].rpm)}});
-  }
-  const zev::gpuTemperature& core_t = gpu->temperatures[0];
-  const zev::gpuTemperature& mem_t = gpu->temperatures[2];
-  return {
-      {"slot", slot},
-      {"index", gpu->index},
-      {"name", gpu->name},
-      {"marketing_name", gpu->marketing_name},
-      {"use_marketing_name", gpu->use_marketing_name},
-      {"display_name", display_name(gpu)},
-      {"codename", gpu->codename},
-      {"vendor_id", gpu->vendor_id},
-      {"device_id", gpu->device_id},
-      {"subvendor_id", gpu->subvendor_id},
-      {"subdevice_id", gpu->subdevice_id},
-      {"revision_id", gpu->revision_id},
-      {"pci", hex4(gpu->vendor_id) + ":" + hex4(gpu->device_id)},
-      {"bus_id", bus_known(gpu) ? json(gpu->bus_id) : json(nullptr)},
-      {"vbios", gpu->vbios_version},
-      {"driver_name", gpu->driver_name},
-      {"driver_version", gpu->driver_version},
-      {"monitorable", gpu->monitorable},
-      {"temperature_c",
-       {{"core", triple(core_t.current, core_t.min, core_t.max)},
-        {"memory", triple(mem_t.current, mem_t.min, mem_t.max)}}},
-      {"usage_percent",
-       {{"core", triple(gpu->core_usage[0], gpu->core_usage[1], gpu->core_usage[2])},
-        {"memory", triple(gpu->memory_usage[0], gpu->memory_usage[1], gpu->memory_usage[2])}}},
-      {"clock_mhz",
-       {{"core", triple(gpu->core_clock.current, gpu->core_clock.min, gpu->core_clock.max)},
-        {"memory",
-         triple(gpu->memory_clock.current, gpu->memory_clock.min, gpu->memory_clock.max)}}},
-      {"power", {{"watts", value_or_null(gpu->power.watts)},
-                 {"current", value_or_null(gpu->power.current)}}},
-      {"units",
-       {{"shaders", count_or_null(gpu->num_shader_cores)},
-        {"texture_units", count_or_null(gpu->num_texture_units)},
-        {"rops", count_or_null(gpu->num_rops)},
-        {"tdp_w", count_or_null(gpu->tdp_w)}}},
-      {"fans", fans},
-  };
-}
-
 }  // namespace
 
 std::string format_value(float value, int decimals) {
@@ -147,17 +88,15 @@ std::string format_value(float value, int decimals) {
   return text;
 }
 
-std::string render_table(zev::GpuMonitor* monitor) {
+std::string render_table(zev::GpuMonitor* monitor, const std::vector<GpuView>& gpus) {
   std::vector<std::vector<std::string>> rows = {
       {"GPU", "Name", "Chip", "Shaders/TMUs/ROPs", "TDP W", "PCI", "Bus", "Temp C", "Mem C",
        "Core %", "Mem %", "Core MHz", "Mem MHz", "Power W", "Fans"}};
-  const unsigned long n = monitor->get_num_gpus();
-  for (unsigned long i = 0; i < n; ++i) {
-    const zev::GPU* gpu = monitor->get_gpu(i);
-    if (gpu == nullptr) continue;
+  for (const GpuView& view : gpus) {
+    const zev::GPU* gpu = view.gpu;
     const bool pci = gpu->vendor_id != 0 || gpu->device_id != 0;
     rows.push_back({
-        std::to_string(i),
+        std::to_string(view.slot),
         display_name(gpu)[0] ? display_name(gpu) : "-",
         gpu->codename[0] ? gpu->codename : "-",
         units_text(gpu),
@@ -176,7 +115,7 @@ std::string render_table(zev::GpuMonitor* monitor) {
     });
   }
   std::string out;
-  if (n == 0) {
+  if (monitor->get_num_gpus() == 0) {
     out += "No GPU found.\n";
   } else {
     out += columns(rows);
@@ -189,38 +128,4 @@ std::string render_table(zev::GpuMonitor* monitor) {
   const char* os = monitor->get_os_name();
   out += std::string("OS:  ") + (os && *os ? os : "-") + "\n";
   return out;
-}
-
-json render_json(zev::GpuMonitor* monitor, const std::vector<TraceLine>& traces) {
-  int major = 0, minor = 0, patch = 0;
-  monitor->get_version(&major, &minor, &patch);
-  json trace_list = json::array();
-  for (const TraceLine& t : traces) {
-    trace_list.push_back({{"level", zev::trace_level_name(t.level)}, {"text", t.text}});
-  }
-  json gpus = json::array();
-  for (unsigned long i = 0; i < monitor->get_num_gpus(); ++i) {
-    if (const zev::GPU* gpu = monitor->get_gpu(i)) gpus.push_back(gpu_json(i, gpu));
-  }
-  return {
-      {"plugin",
-       {{"name", monitor->get_name()},
-        {"description", monitor->get_description()},
-        {"author", monitor->get_author()},
-        {"version", std::to_string(major) + "." + std::to_string(minor) + "." +
-                        std::to_string(patch)},
-        {"type", static_cast<int>(monitor->get_type())},
-        {"build", monitor->get_build_info()}}},
-      {"machine", std::getenv("ZEV_MACHINE") ? json(std::getenv("ZEV_MACHINE")) : json(nullptr)},
-      {"traces", trace_list},
-      {"gpus", gpus},
-      {"system",
-       {{"cpu_name", monitor->get_cpu_name()},
-        {"cpu_speed_mhz", monitor->get_cpu_speed_mhz()},
-        {"os_name", monitor->get_os_name()}}},
-  };
-}
-
-std::string dump_json(const json& document, bool pretty) {
-  return document.dump(pretty ? 2 : -1, ' ', false, json::error_handler_t::replace);
 }

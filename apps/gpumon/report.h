@@ -1,28 +1,16 @@
-// What gpumon shows of a monitor: a text table or a JSON document.
+// What gpumon shows of a monitor as text: a table of the GPUs and the CPU
+// and OS lines.
 #pragma once
 
 #include <string>
 #include <vector>
 
-#include <nlohmann/json.hpp>
-
+#include "gpu_fields.h"
 #include "zev/gpu_monitor.h"
-#include "zev/trace.h"
-
-struct TraceLine {
-  zev::TraceLevel level;
-  std::string text;
-};
 
 // A GPU sensor value as shown: "-" when unknown (-1).
 std::string format_value(float value, int decimals);
 
-// The GPU table and the CPU/OS lines.
-std::string render_table(zev::GpuMonitor* monitor);
-
-// One JSON document with the plug-in, the traces, the GPUs and the system.
-nlohmann::json render_json(zev::GpuMonitor* monitor, const std::vector<TraceLine>& traces);
-
-// Serialises a document; text that is not valid UTF-8 is replaced, so the
-// output is valid JSON whatever the names contain.
-std::string dump_json(const nlohmann::json& document, bool pretty);
+// The table of the given GPUs ("No GPU found." when the monitor has none)
+// and the CPU/OS lines.
+std::string render_table(zev::GpuMonitor* monitor, const std::vector<GpuView>& gpus);

@@ -16,41 +16,57 @@ namespace {
 using namespace testing_support;
 using nlohmann::json;
 
-// From the start-up summary ("Num GPUs detected") to the end of the output:
-// the per-GPU block names no placeholder bus number and no unknown
-// temperature, and the table shows "-" for what is unknown.
+// With --trace, the start-up summary ("Num GPUs detected") ends the trace
+// lines on stderr: the per-GPU block names no placeholder bus number and no
+// unknown temperature. Stdout holds the table alone, "-" where a value is
+// unknown.
 TEST(Gpumon, StartUpSummaryAndTable) {
-  const std::vector<std::pair<std::string, std::vector<std::string>>> cases = {
+  struct Case {
+    std::string machine;
+    std::vector<std::string> traces, table;
+  };
+  const Case cases[] = {
       {"desktop-no-gpu",
-       {"Num GPUs detected: 0", "", "No GPU found.", "",
-        "CPU: AMD Ryzen 7 7700X 8-Core Processor, 4491 MHz", "OS:  Linux 6.1.0-26-amd64 64-bit"}},
+       {"Num GPUs detected: 0"},
+       {"No GPU found.", "", "CPU: AMD Ryzen 7 7700X 8-Core Processor, 4491 MHz",
+        "OS:  Linux 6.1.0-26-amd64 64-bit"}},
       {"amd-sriov-vf-no-hwmon",
        {"Num GPUs detected: 1", "> GPU0", "  - name: AMD Radeon Pro V520",
-        "  - PCI codes: 0x1002-0x7362", "  - VBIOS: 113-D3980100-O00", "",
-        "GPU  Name                 Chip     Shaders/TMUs/ROPs  TDP W  PCI        Bus  Temp C  Mem C  "
+        "  - PCI codes: 0x1002-0x7362", "  - VBIOS: 113-D3980100-O00"},
+       {"GPU  Name                 Chip     Shaders/TMUs/ROPs  TDP W  PCI        Bus  Temp C  Mem "
+        "C  "
         "Core %  Mem %  Core MHz  Mem MHz  Power W  Fans",
-        "0    AMD Radeon Pro V520  Navi 12  2304/144/64        225    1002:7362  -    -       -      "
+        "0    AMD Radeon Pro V520  Navi 12  2304/144/64        225    1002:7362  -    -       -    "
+        "  "
         "0       -      -         -        -        -",
         "", "CPU: AMD EPYC 7R32, 2800 MHz", "OS:  Linux 6.8.0-1015-aws 64-bit"}},
-      {"arm64-no-cpu-mhz", {"Num GPUs detected: 0", "", "No GPU found.", "", "CPU: -, - MHz"}},
+      {"arm64-no-cpu-mhz", {"Num GPUs detected: 0"}, {"No GPU found.", "", "CPU: -, - MHz"}},
   };
-  for (const auto& [machine, expected] : cases) {
-    const machine::RunResult r = run_gpumon({"--machine", machine_dir(machine)});
-    ASSERT_EQ(r.exit_code, 0) << r.out;
-    std::vector<std::string> lines = lines_of(r.out);
-    auto from = std::find(lines.begin(), lines.end(), expected[0]);
-    ASSERT_NE(from, lines.end()) << r.out;
-    lines.erase(lines.begin(), from);
-    lines.resize(std::min(lines.size(), expected.size()));
-    EXPECT_EQ(lines, expected) << machine;
+  for (const Case& c : cases) {
+    const machine::RunResult r = run_gpumon({"--trace", "--machine", machine_dir(c.machine)});
+    ASSERT_EQ(r.exit_code, 0) << r.err;
+    std::vector<std::string> traces = lines_of(r.err);
+    auto from = std::find(traces.begin(), traces.end(), c.traces[0]);
+    ASSERT_NE(from, traces.end()) << r.err;
+    EXPECT_EQ(std::vector<std::string>(from, traces.end()), c.traces) << c.machine;
+    std::vector<std::string> table = lines_of(r.out);
+    table.resize(std::min(table.size(), c.table.size()));
+    EXPECT_EQ(table, c.table) << c.machine;
+    // Without --trace, stderr stays empty and stdout is the same.
+    const machine::RunResult quiet = run_gpumon({"--machine", machine_dir(c.machine)});
+    EXPECT_EQ(quiet.err, "");
+    EXPECT_EQ(quiet.out, r.out);
   }
 }
 
 TEST(Gpumon, JsonParsesBackWithTheSameFacts) {
-  const machine::RunResult r =
-      run_gpumon({"--json", "--machine", machine_dir("dual-socket-xeon")});
+  const machine::RunResult r = run_gpumon({"--json", "--machine", machine_dir("dual-socket-xeon")});
   ASSERT_EQ(r.exit_code, 0) << r.out;
   const json doc = json::parse(r.out);
+  EXPECT_EQ(doc["schema_version"], 1);
+  const std::string stamp = doc["timestamp"];  // 2025-01-31T12:34:56.789Z
+  EXPECT_TRUE(stamp.size() == 24 && stamp[10] == 'T' && stamp[19] == '.' && stamp[23] == 'Z')
+      << stamp;
   EXPECT_EQ(doc["machine"], "dual-socket-xeon");
   EXPECT_EQ(doc["plugin"]["name"], "GpuMonitor");
   EXPECT_EQ(doc["plugin"]["version"], "0.1.0");
@@ -67,12 +83,46 @@ TEST(Gpumon, JsonParsesBackWithTheSameFacts) {
   EXPECT_EQ(doc["traces"][4]["text"], "Num GPUs detected: 0");
 }
 
+// A GPU's values, each in the unit its key names, null where unknown.
+TEST(Gpumon, JsonGpuKeysAndUnits) {
+  const machine::RunResult r =
+      run_gpumon({"--json", "--machine", machine_dir("amd-rdna3-rx7900xtx")});
+  ASSERT_EQ(r.exit_code, 0) << r.err;
+  const json gpu = json::parse(r.out)["gpus"][0];
+  const std::vector<std::pair<std::string, json>> expected = {
+      {"/index", 0},
+      {"/name", "Sapphire PULSE RX 7900 XTX"},
+      {"/device_name", "AMD Radeon RX 7900 XTX"},
+      {"/pci",
+       {{"address", "0000:03:00.0"},
+        {"bus", "0x03"},
+        {"vendor_id", "0x1002"},
+        {"device_id", "0x744C"},
+        {"subsystem_vendor_id", "0x1DA2"},
+        {"subsystem_device_id", "0x471E"},
+        {"revision_id", "0xC8"}}},
+      {"/driver", {{"name", "amdgpu"}, {"version", nullptr}}},
+      {"/power_w/tdp", 355},
+      {"/power_w/draw", 86},
+      {"/power_w/enforced_limit", nullptr},
+      {"/temperature_c/core", 52},
+      {"/temperature_c/memory", nullptr},
+      {"/utilization_percent", {{"core", 7}, {"memory", nullptr}}},
+      {"/clock_mhz",
+       {{"core", 1850}, {"memory", 1249}, {"core_max", nullptr}, {"memory_max", nullptr}}},
+      {"/fans", json::array({{{"speed_percent", nullptr}, {"speed_rpm", 1102}}})},
+  };
+  for (const auto& [pointer, value] : expected) {
+    EXPECT_EQ(gpu.value(json::json_pointer(pointer), json("absent")), value) << pointer;
+  }
+}
+
 TEST(Gpumon, JsonStaysValidWhateverTheNamesHold) {
   // Quotes, backslashes, control characters and bytes that are not UTF-8.
-  TempMachine odd({{"proc/cpuinfo",
-                    std::string("model name\t: \"Evil\\CPU\"\t\x01\x1f \xff\xfe\xc3 end\n") +
-                        "cpu MHz\t\t: 100.0\n"}},
-                  "desktop-no-gpu");
+  TempMachine odd(
+      {{"proc/cpuinfo", std::string("model name\t: \"Evil\\CPU\"\t\x01\x1f \xff\xfe\xc3 end\n") +
+                            "cpu MHz\t\t: 100.0\n"}},
+      "desktop-no-gpu");
   // In the C locale grep passes every byte but NUL through.
   const char* old_locale = std::getenv("LC_ALL");
   const std::string saved = old_locale ? old_locale : "";
@@ -110,17 +160,59 @@ TEST(Gpumon, CudaLibraryOnTheMachineIsDetected) {
 }
 
 TEST(Gpumon, WatchRefreshesUntilTheCount) {
-  machine::RunResult r = run_gpumon(
-      {"--watch", "0.05", "--count", "3", "--machine", machine_dir("desktop-no-gpu")});
+  machine::RunResult r =
+      run_gpumon({"--watch", "0.05", "--count", "3", "--machine", machine_dir("desktop-no-gpu")});
   ASSERT_EQ(r.exit_code, 0) << r.out;
   EXPECT_NE(r.out.find("gpumon: refresh 3, every 0.05 s"), std::string::npos);
   EXPECT_EQ(r.out.find("refresh 4"), std::string::npos);
-  // With --json: one document a line and refresh.
+  // With --json: one document a line and refresh; the start-up traces come
+  // in the first only.
   r = run_gpumon(
-      {"--json", "--watch", "0.05", "--count", "2", "--machine", machine_dir("desktop-no-gpu")});
+      {"--json", "--watch=0.05", "--count=2", "--machine", machine_dir("desktop-no-gpu")});
   const std::vector<std::string> docs = lines_of(r.out);
   ASSERT_EQ(docs.size(), 2u) << r.out;
   for (const std::string& d : docs) EXPECT_EQ(json::parse(d)["system"]["cpu_speed_mhz"], 4491);
+  EXPECT_FALSE(json::parse(docs[0])["traces"].empty());
+  EXPECT_TRUE(json::parse(docs[1])["traces"].empty());
+  // With --query: the header once, then a line per GPU and refresh.
+  r = run_gpumon({"--query", "index,temperature.gpu", "--format", "nounits,csv", "--watch", "0.2",
+                  "--count", "3", "--machine", machine_dir("amd-rdna3-rx7900xtx")});
+  EXPECT_EQ(r.out, "index, temperature.gpu [C]\n0, 52\n0, 54\n0, 57\n");
+}
+
+// --query as nvidia-smi prints it, and --gpu picking GPUs by slot or PCI
+// address in every output.
+TEST(Gpumon, QueryAndGpuSelection) {
+  const std::string amd = machine_dir("amd-rdna3-rx7900xtx"),
+                    two = machine_dir("amd-multi-card-gaps");
+  const std::string fields = "index,name,pci.bus_id,temperature.gpu,power.draw,fan.speed";
+  const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
+      {{"--query", fields, "--machine", amd},
+       "index, name, pci.bus_id, temperature.gpu [C], power.draw [W], fan.speed [%]\n"
+       "0, Sapphire PULSE RX 7900 XTX, 0000:03:00.0, 52 C, 86 W, [N/A]\n"},
+      {{"--query", fields, "--format", "csv,noheader,nounits", "--machine", amd},
+       "0, Sapphire PULSE RX 7900 XTX, 0000:03:00.0, 52, 86, [N/A]\n"},
+      {{"--query", "index,pci.bus_id", "--format=csv,noheader", "--machine", two},
+       "0, 0000:23:00.0\n1, 0000:45:00.0\n"},
+      {{"--gpu", "1", "--query", "index,pci.bus_id", "--format=csv,noheader", "--machine", two},
+       "1, 0000:45:00.0\n"},
+      {{"--gpu", "45:00.0,0", "--query", "index", "--format=csv,noheader", "--machine", two},
+       "0\n1\n"},
+      {{"--gpu", "0000:45:00.0", "--query", "index", "--format=csv,noheader", "--machine", two},
+       "1\n"},
+  };
+  for (const auto& [args, out] : cases) {
+    const machine::RunResult r = run_gpumon(args);
+    EXPECT_EQ(r.exit_code, 0) << r.err;
+    EXPECT_EQ(r.out, out) << args[1];
+  }
+  machine::RunResult r = run_gpumon({"--gpu", "1", "--json", "--machine", two});
+  const json doc = json::parse(r.out);
+  ASSERT_EQ(doc["gpus"].size(), 1u);
+  EXPECT_EQ(doc["gpus"][0]["index"], 1);
+  r = run_gpumon({"--gpu", "0000:45:00.0", "--machine", two});
+  EXPECT_NE(r.out.find("\n1    AMD Radeon RX 6400 "), std::string::npos) << r.out;
+  EXPECT_EQ(r.out.find("RX 6600"), std::string::npos) << r.out;
 }
 
 TEST(Gpumon, CtrlCEndsWatchingCleanly) {
@@ -167,29 +259,53 @@ TEST(Gpumon, ErrorsAreClear) {
       {{"--watch"}, 2, "gpumon: "},
       {{"--watch", "soon"}, 2, "gpumon: "},
       {{"--watch", "-1"}, 2, "gpumon: "},
+      {{"--watch", "nan"}, 2, "positive, finite number of seconds"},
+      {{"--watch=inf"}, 2, "positive, finite number of seconds"},
+      {{"--json=yes"}, 2, "unknown option '--json=yes'"},
+      {{"extra"}, 2, "unexpected argument 'extra'"},
       {{"--count", "2"}, 2, "gpumon: "},
       {{"--watch", "1", "--count", "0"}, 2, "gpumon: "},
+      {{"--query", "index,bogus"}, 2, "no field 'bogus'"},
+      {{"--query", "index", "--format", "tsv"}, 2, "--format is csv"},
+      {{"--format", "csv"}, 2, "--format only goes with --query"},
+      {{"--query", "index", "--json"}, 2, "gpumon: "},
+      {{"--gpu", "first"}, 2, "--gpu takes"},
+      {{"--gpu", "2", "--machine", machine_dir("amd-multi-card-gaps")},
+       1,
+       "no GPU '2' (the GPUs are 0 at 0000:23:00.0, 1 at 0000:45:00.0)"},
+      {{"--gpu", "03:00.0", "--json", "--machine", machine_dir("amd-multi-card-gaps")},
+       1,
+       "no GPU '03:00.0'"},
       {{"--machine", "/nonexistent/machine"}, 3, "cannot run in machine /nonexistent/machine"},
+      {{"--machine", junk.dir()}, 3, "is not a machine folder"},
+      {{"--machine", ""}, 2, "--machine needs a machine folder"},
   };
   for (const auto& [args, code, message] : cases) {
     const machine::RunResult r = run_gpumon(args);
     EXPECT_EQ(r.exit_code, code) << args[0] << " " << args.back();
     EXPECT_NE(r.err.find(message), std::string::npos) << r.err;
+    EXPECT_EQ(r.err.find("--machine DIR"), std::string::npos) << "a short error, not the help";
+    EXPECT_EQ(r.out, "");
   }
-  EXPECT_NE(run_gpumon({"--help"}).out.find("--machine DIR"), std::string::npos);
+  EXPECT_NE(run_gpumon({"--help"}).out.find("Exit codes: 0"), std::string::npos);
+  EXPECT_NE(run_gpumon({"--help-query"}).out.find("clocks.max.gr [MHz]"), std::string::npos);
+  EXPECT_EQ(run_gpumon({"--version"}).out.rfind("gpumon 0.1.0 (JSON schema version 1)", 0), 0u);
 }
 
 // --lookup: what the database says of any PCI id (hex).
 TEST(Gpumon, LookupOfAPciId) {
   const std::vector<std::tuple<std::vector<std::string>, int, std::vector<std::string>>> cases = {
-      {{"--lookup", "10DE:2B85"}, 0,
+      {{"--lookup", "10DE:2B85"},
+       0,
        {"name:       NVIDIA GeForce RTX 5090\n", "codename:   GB202-300\n", "shaders:    21760\n",
         "TMUs:       680\n", "ROPs:       176\n", "TDP:        575 W\n",
         "NVIDIA GeForce RTX 5090 Founders Edition"}},
-      {{"--lookup", "1002:7550:C2"}, 0,
+      {{"--lookup", "1002:7550:C2"},
+       0,
        {"name:       AMD Radeon RX 9070 GRE\n", "AMD Radeon RX 9070 XT, variant C0"}},
       {{"--lookup", "8086:e20b"}, 0, {"codename:   Battlemage BMG-G21\n"}},
-      {{"--json", "--lookup", "1002:7551:C1"}, 0,
+      {{"--json", "--lookup", "1002:7551:C1"},
+       0,
        {"\"adapter_name\": \"AMD Radeon AI PRO R9700S\"", "\"id\": \"1002:7551:C1\""}},
       {{"--lookup", "1002:7550:C5"}, 1, {"not in the GPU database"}},
   };
@@ -198,7 +314,8 @@ TEST(Gpumon, LookupOfAPciId) {
     EXPECT_EQ(r.exit_code, code) << args.back();
     for (const std::string& part : parts) EXPECT_NE(r.out.find(part), std::string::npos) << r.out;
   }
-  for (const char* bad : {"10DE", "10DE:", "xyz:2B85", "10DE:2B85:C1:0", "12345:1", "1002:7550:C23"})
+  for (const char* bad :
+       {"10DE", "10DE:", "xyz:2B85", "10DE:2B85:C1:0", "12345:1", "1002:7550:C23"})
     EXPECT_EQ(run_gpumon({"--lookup", bad}).exit_code, 2) << bad;
 }
 

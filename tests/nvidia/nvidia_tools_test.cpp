@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <memory>
@@ -181,6 +182,7 @@ TEST_F(NvidiaTools, NvidiaSettingsSensorNamesNeverReachTheShellUnlessTheyAreName
 using DevFiles = std::vector<std::pair<std::string, std::string>>;
 struct Driver {
   explicit Driver(const DevFiles& dev) {
+    std::filesystem::create_directories(machine.dir() + "/dev");  // a machine, if an empty one
     for (const auto& f : dev) machine.file("dev/" + f.first, f.second);
     scope.reset(new MachineScope(machine.dir()));
   }
