@@ -2,7 +2,8 @@
 # Builds everything and runs every test: once plain, once under
 # AddressSanitizer with UndefinedBehaviorSanitizer; then the update thread's
 # tests under ThreadSanitizer; between the two, it builds the plug-in for
-# 64-bit Arm boards.
+# 64-bit Arm boards. The plain build is also installed into a temporary
+# prefix and a host is built against it.
 # The tests lay out fake machines in private mount namespaces: run as root
 # (or where unprivileged user namespaces are allowed).
 set -euo pipefail
@@ -16,6 +17,10 @@ echo "== plain build (Unix Makefiles)"
 cmake -S . -B build-make -G "Unix Makefiles" >/dev/null
 cmake --build build-make -j"$jobs"
 ctest --test-dir build-make -j"$jobs" --output-on-failure
+
+echo "== install: the plain build into a prefix, a host built against it; optional parts"
+./tools/install-test.sh build-make
+./tools/optional-parts-test.sh
 
 echo "== AddressSanitizer + UndefinedBehaviorSanitizer build"
 cmake -S . -B build-asan -G Ninja -DZEV_SANITIZE=address -DZEV_BUILD_BENCHMARKS=OFF >/dev/null
