@@ -140,6 +140,20 @@ TEST_F(NvidiaTools, NvidiaSmiAnswersAreReadAsTheyCome) {
   EXPECT_FALSE(monitor_.linux_nv_smi_read_gpu_usage(0, nullptr));
 }
 
+// Discovery stores what nvidia-smi reads in the record the host sees: power
+// in whole watts, and a thousandth of them in `current` on this path.
+TEST_F(NvidiaTools, DiscoveryStoresTheReadingsInTheRecord) {
+  std::ofstream(machine::staged_root() + "/nvidia/nvidia-smi.conf")
+      << "count 1\ngpu 0\npci.device_id 0x268410DE\npower.draw 215.37\ntemperature.gpu 48\n";
+  ASSERT_TRUE(monitor_.linux_nv_smi_init_gpus());
+  ASSERT_EQ(monitor_.get_num_gpus(), 1u);
+  const zev::GPU* g = monitor_.get_gpu(0);
+  EXPECT_EQ(g->power.watts, 215.0f);
+  EXPECT_EQ(g->power.current, 0.001f * 215.0f);
+  EXPECT_EQ(g->temperatures[0].current, 48.0f);
+  monitor_.terminate();
+}
+
 TEST_F(NvidiaTools, NvidiaSettingsReadings) {
   GpuMonitorVorn& m = monitor_;
   float a = -1.0f, b = -1.0f;
