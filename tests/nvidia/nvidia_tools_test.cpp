@@ -151,7 +151,7 @@ TEST_F(NvidiaTools, DiscoveryStoresTheReadingsInTheRecord) {
   EXPECT_EQ(g->power.watts, 215.0f);
   EXPECT_EQ(g->power.current, 0.001f * 215.0f);
   EXPECT_EQ(g->temperatures[0].current, 48.0f);
-  monitor_.terminate();
+  monitor_.cleanup_gpus_list();  // discovery alone: terminate would not free it
 }
 
 TEST_F(NvidiaTools, NvidiaSettingsReadings) {
