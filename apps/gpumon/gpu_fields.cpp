@@ -61,10 +61,6 @@ const zev::gpuFanSpeed* first_fan(const GPU& gpu) {
   return gpu.fans != nullptr && gpu.num_fans > 0 ? &gpu.fans[0] : nullptr;
 }
 
-const char* display_name(const GPU& gpu) {
-  return gpu.use_marketing_name ? gpu.marketing_name : gpu.name;
-}
-
 // The throttle reasons are read by NVML refreshes only; the text says so.
 bool throttle_known(const GPU& gpu) { return gpu.throttle_reason_text[0] != '\0'; }
 
@@ -264,4 +260,8 @@ std::string query_fields_help() {
     out += line + field.description + "\n";
   }
   return out;
+}
+
+const char* display_name(const zev::GPU& gpu) {
+  return gpu.use_marketing_name ? gpu.marketing_name : gpu.name;
 }

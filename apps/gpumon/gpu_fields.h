@@ -50,6 +50,9 @@ struct GpuField {
 // Every field, in the order of the JSON document.
 const std::vector<GpuField>& gpu_fields();
 
+// The name a GPU is shown by: its board's where known, else its device's.
+const char* display_name(const zev::GPU& gpu);
+
 // The field of a --query name; nullptr when there is none.
 const GpuField* find_query_field(const std::string& name);
 

@@ -5,6 +5,8 @@
 #include <cstdlib>
 #include <sstream>
 
+#include "gpu_fields.h"
+
 namespace {
 
 bool known(float v) { return v != -1.0f; }
@@ -13,10 +15,6 @@ std::string hex4(uint64_t v) {
   char text[32];
   std::snprintf(text, sizeof text, "%04llX", static_cast<unsigned long long>(v));
   return text;
-}
-
-const char* display_name(const zev::GPU* gpu) {
-  return gpu->use_marketing_name ? gpu->marketing_name : gpu->name;
 }
 
 // Bus numbers of 1000 and above are placeholders for "not read".
@@ -97,7 +95,7 @@ std::string render_table(zev::GpuMonitor* monitor, const std::vector<GpuView>& g
     const bool pci = gpu->vendor_id != 0 || gpu->device_id != 0;
     rows.push_back({
         std::to_string(view.slot),
-        display_name(gpu)[0] ? display_name(gpu) : "-",
+        display_name(*gpu)[0] ? display_name(*gpu) : "-",
         gpu->codename[0] ? gpu->codename : "-",
         units_text(gpu),
         count_text(gpu->tdp_w),

@@ -4,6 +4,7 @@
 #include <sys/utsname.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -38,21 +39,10 @@ const char* get_linux_release() {
   // present its own kernel release.
   static char release[128];
   std::memset(release, 0, sizeof release);
-  const int fd = open_for_reading("/proc/sys/kernel/osrelease");
-  if (fd >= 0) {
-    size_t length = 0;
-    while (length + 1 < sizeof release) {
-      const ssize_t got = read_once(fd, release + length, sizeof release - 1 - length);
-      if (got <= 0) {
-        if (got < 0) length = 0;
-        break;
-      }
-      length += static_cast<size_t>(got);
-      if (std::memchr(release, '\n', length) != nullptr) break;
-    }
-    close(fd);
-    release[length] = '\0';
-    release[std::strcspn(release, "\n")] = '\0';
+  if (char* text = file_content_read("/proc/sys/kernel/osrelease", nullptr)) {
+    // The first line, cut to the buffer.
+    std::strncpy(release, text, std::min(std::strcspn(text, "\n"), sizeof release - 1));
+    file_content_free(text);
   }
   if (release[0] == '\0') {
     struct utsname u;
