@@ -66,6 +66,7 @@ GPU::GPU() {
   gpu_kind = 2;
   carried_u32_3 = 2;
   carried_u64_1 = 1000;
+  vram_used_mb = -1;
 
   for (gpuTemperature& t : temperatures) t.reset();
   for (float& v : core_usage) v = -1.0f;
@@ -111,6 +112,7 @@ void GPU::reset_sensors() {
   for (gpuClock* c : {&core_clock, &memory_clock}) c->current = c->min = c->max = -1.0f;
 
   carried_f32_1 = 0.0f;
+  vram_used_mb = -1;  // a reading too
 
   for (uint64_t i = 0; fans != nullptr && i < num_fans; ++i) {
     fans[i].speed_percent = -1.0f;

@@ -21,7 +21,7 @@ const char kGpuLayout[] =
     "revision_text:c16 name:c128 codename:c128 vbios_version:c128 architecture:c32 _:c128 "
     "marketing_name:c128 use_marketing_name:c1 bus_id:i _:i3 num_shader_cores:i "
     "db_num_shader_cores:i _:i2 num_texture_units:i num_rops:i db_num_rops:i tdp_w:i _:c2 _:i "
-    "vram_size_mb:q _:q2 _:i memory_bus_width:i _:i2 _:c192 _:q _:c512 driver_version:c128 "
+    "vram_size_mb:q vram_used_mb:q _:q _:i memory_bus_width:i _:i2 _:c192 _:q _:c512 driver_version:c128 "
     "driver_name:c128 _:c64 _:c64 driver_version_short:c64 _:c128 _:c128 _:q2 temperatures:T9 "
     "sensor_available:c5 core_usage:i3 memory_usage:i3 _:i6 power:P total_energy:i _:i3 boost:B "
     "_:i _:i fans:q num_fans:q core_clock:K memory_clock:K _:K color:V _:q nvml_device:q _:c1 "
@@ -58,7 +58,7 @@ Type type_of(char code) {
   X(index) X(vendor_id) X(device_id) X(subvendor_id) X(subdevice_id) X(revision_id)             \
   X(revision_text) X(name) X(codename) X(vbios_version) X(architecture) X(marketing_name)       \
   X(use_marketing_name) X(bus_id) X(num_shader_cores) X(db_num_shader_cores)                    \
-  X(num_texture_units) X(num_rops) X(db_num_rops) X(tdp_w) X(vram_size_mb) X(memory_bus_width)  \
+  X(num_texture_units) X(num_rops) X(db_num_rops) X(tdp_w) X(vram_size_mb) X(vram_used_mb) X(memory_bus_width)  \
   X(driver_version) X(driver_name) X(driver_version_short) X(temperatures) X(sensor_available)  \
   X(core_usage) X(memory_usage) X(power) X(total_energy) X(boost) X(fans) X(num_fans)           \
   X(core_clock) X(memory_clock) X(color) X(nvml_device) X(rop_check_code)                       \

@@ -130,8 +130,12 @@ class GPU {
   uint32_t tdp_w;
   uint8_t carried_u8_0[2];
   uint32_t carried_u32_1;
-  int64_t vram_size_mb;
-  uint64_t carried_u64_0[2];
+  int64_t vram_size_mb;         // video memory, MiB (0: unknown)
+  // Video memory in use, MiB; -1 unknown. It takes the first of two carried
+  // 8-byte fields, which held 0 and which no host reads, so the layout and
+  // every other field's offset are unchanged. Refreshed with the sensors.
+  int64_t vram_used_mb;
+  uint64_t carried_u64_0;
   uint32_t carried_u32_2;
   uint32_t memory_bus_width;
   uint32_t gpu_kind;           // carried; 2 unless a back-end says otherwise
