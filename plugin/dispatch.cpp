@@ -99,6 +99,11 @@ bool GpuMonitorVorn::gpu_get_clocks(unsigned long index, float* core_mhz, float*
       store(mhz, &gpu->memory_clock, memory_mhz);
     }
   }
+  // Intel GT clocks (i915, xe), which no hwmon file holds.
+  if (drm_card_source(gpu) && drm_extra_sensors[gpu->index].intel_clock != drm_extra::IntelClock::kNone &&
+      drm_extra::refresh_intel_clock(drm_extra_sensors[gpu->index], gpu, core_mhz)) {
+    read = true;
+  }
   if (rpi_source(gpu)) {
     float mhz = -1.0f;
     if (linux_arm64_rpi_read_gpu_core_clock(&mhz)) {
@@ -137,6 +142,8 @@ bool GpuMonitorVorn::gpu_get_usages(unsigned long index, float* core_percent, fl
     if (linux_drm_read_gpu_usage(gpu->drm_card_index, &percent)) {
       store(static_cast<float>(percent), gpu->core_usage, core_percent);
     }
+    // Memory busy percent and video memory in use (amdgpu).
+    if (drm_extra::refresh_memory_usage(drm_extra_sensors[gpu->index], gpu, memory_percent)) read = true;
   }
   if (rpi_source(gpu)) {
     float percent = -1.0f;
@@ -179,6 +186,11 @@ bool GpuMonitorVorn::gpu_get_temperatures(unsigned long index, float* core_c, fl
       store(static_cast<float>(celsius), &gpu->temperatures[0], core_c);
     }
   }
+  // The memory temperature: the input labelled "mem" (amdgpu) or "vram" (xe).
+  if (drm_hwmon_source(gpu) &&
+      drm_extra::refresh_memory_temperature(drm_extra_sensors[gpu->index], gpu, memory_c)) {
+    read = true;
+  }
   if (rpi_source(gpu)) {
     float celsius = -1.0f;
     if (linux_arm64_rpi_read_gpu_core_temp(&celsius)) {
@@ -211,6 +223,11 @@ bool GpuMonitorVorn::gpu_power_get_current_value(unsigned long index, float*, fl
       store(reading);
     }
   }
+  // The power limit, and power from an energy counter where no power input
+  // reads (i915, xe).
+  if (drm_hwmon_source(gpu) && drm_extra::refresh_power(&drm_extra_sensors[gpu->index], gpu, watts)) {
+    read = true;
+  }
   return read;
 }
 
@@ -234,6 +251,10 @@ bool GpuMonitorVorn::gpu_read_fan_speed(unsigned long index) {
   // DRM fans were counted and allocated by the scan; fan i is hwmon fan
   // i + 1. A fan that fails keeps its last values.
   if (!drm_hwmon_source(gpu) || gpu->num_fans == 0 || gpu->fans == nullptr) return false;
+  // A board with a PWM output and no RPM input: the fan's duty.
+  if (drm_extra_sensors[gpu->index].pwm_max > 0) {
+    return drm_extra::refresh_pwm_fan(drm_extra_sensors[gpu->index], gpu);
+  }
   for (unsigned long i = 0; i < gpu->num_fans; ++i) {
     int rpm = 0;
     if (linux_drm_read_gpu_fan_speed(gpu->drm_card_index, gpu->drm_hwmon_index, i + 1, &rpm)) {

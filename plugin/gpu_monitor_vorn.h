@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <string>
 
+#include "backends/drm/drm_extra_sensors.h"
 #include "zev/gpu.h"
 #include "zev/gpu_monitor.h"
 
@@ -276,6 +277,9 @@ class GpuMonitorVorn : public zev::GpuMonitor {
   zev::GPU* gpus[kMaxGpus];
   uint64_t num_gpus;
   zev::GPU* nvml_gpus[kMaxGpus];
+  // What the DRM scan found of each record's extra sensors, by the record's
+  // index (its list slot at insertion).
+  drm_extra::CardSensors drm_extra_sensors[kMaxGpus];
   uint64_t nvml_gpus_count;
   // Written by the host's thread, read by the update thread on each pass.
   std::atomic<bool> update_thread_quit;

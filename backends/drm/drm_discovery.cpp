@@ -7,15 +7,18 @@
 #include <cstdio>
 #include <cstring>
 
+#include "backends/drm/drm_entries.h"
+#include "backends/drm/drm_extra_sensors.h"
+#include "backends/drm/drm_sysfs.h"
 #include "gpudb/record_names.h"
 #include "plugin/gpu_monitor_vorn.h"
 
 namespace {
 
-// Scan limits: card0..card7 and hwmon0..hwmon7 are tried; sensor numbers
-// 1..7 are tried for temp, power and fan inputs (0 never is).
-constexpr int kMaxCards = 8;
-constexpr int kMaxHwmons = 8;
+// Sensor numbers 1..7 are tried for temp, power and fan inputs (0 never is).
+// A card without a hwmon folder keeps this as its hwmon index: reads of
+// hwmon8 simply fail later.
+constexpr int kNoHwmonIndex = 8;
 constexpr int kMaxSensors = 8;
 
 constexpr unsigned long kVendorNvidia = 0x10DE;
@@ -103,8 +106,29 @@ void name_from_database(GpuMonitorVorn* monitor, zev::GPU* gpu, const char* revi
   gpu->tdp_w = static_cast<uint32_t>(monitor->gpu_db_get_tdp(gpu->vendor_id, index));
 }
 
+// The card's hwmon folder: the first hwmon<K> in ascending K whose name
+// reads, whatever K (hwmon numbers are global: drives, DIMMs and board
+// sensors often take the low ones). -1 when none does.
+int find_hwmon(GpuMonitorVorn* monitor, int card) {
+  char folder[drm_sysfs::kPathSize];
+  drm_sysfs::format_path(folder, "/sys/class/drm/card%d/device/hwmon", card);
+  for (int h : drm_entries::numbered(folder, "hwmon")) {
+    if (monitor->linux_drm_gpu_probe_hwmon(card, h)) return h;
+  }
+  return -1;
+}
+
+void trace_line(void* monitor, const char* line) {
+  static_cast<GpuMonitorVorn*>(monitor)->tracef("%s", line);
+}
+
 }  // namespace
 
+// Cards are the card<N> entries of /sys/class/drm, whatever N, tried in
+// ascending N until the GPU list is full. A machine with cards beyond card7
+// (a mining rig, a server whose GPUs are card1, card9, card17, ...) shows
+// every one of them; machines whose cards all lie within card0..card7 see
+// exactly the scan over those numbers.
 bool GpuMonitorVorn::linux_drm_init_gpus() {
   tracef("DRM: scanning GPUs...");
   int num_created = 0;
@@ -112,7 +136,8 @@ bool GpuMonitorVorn::linux_drm_init_gpus() {
 
   // Card numbers are never renumbered: a gap (no card0, simpledrm gone, a
   // removed card) leaves the later cards at their own numbers.
-  for (int c = 0; c < kMaxCards; ++c) {
+  for (int c : drm_entries::numbered("/sys/class/drm", "card")) {
+    if (get_num_gpus() >= kMaxGpus) break;
     if (!linux_drm_gpu_probe(c)) continue;
 
     unsigned long vendor = 0;
@@ -126,19 +151,10 @@ bool GpuMonitorVorn::linux_drm_init_gpus() {
     zev::GPU* gpu = create_gpu();
     tracef("> GPU %d", c);
 
-    int found_hwmon = -1;
-    int h = 0;
-    for (; h < kMaxHwmons; ++h) {
-      if (linux_drm_gpu_probe_hwmon(c, h)) {
-        found_hwmon = h;
-        tracef("  - hwmon index: %d", h);
-        break;
-      }
-    }
-    // Without a hwmon directory the loop ran to its limit and the record
-    // keeps 8: reads of hwmon8 simply fail later.
+    const int found_hwmon = find_hwmon(this, c);
+    if (found_hwmon >= 0) tracef("  - hwmon index: %d", found_hwmon);
     gpu->drm_card_index = c;
-    gpu->drm_hwmon_index = h;
+    gpu->drm_hwmon_index = found_hwmon >= 0 ? found_hwmon : kNoHwmonIndex;
 
     gpu->vendor_id = vendor;
     unsigned long device = 0;
@@ -179,6 +195,7 @@ bool GpuMonitorVorn::linux_drm_init_gpus() {
     }
 
     if (found_hwmon >= 0) read_hwmon_sensors(this, gpu, c, found_hwmon);
+    drm_extra::discover(c, found_hwmon, gpu, &drm_extra_sensors[gpu->index], trace_line, this);
 
     name_from_database(this, gpu, revision_text);
 

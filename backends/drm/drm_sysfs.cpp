@@ -85,3 +85,25 @@ int scaled_decimal(const char* line, long long divisor) {
 }
 
 }  // namespace drm_sysfs
+
+namespace drm_sysfs {
+
+bool parse_unsigned(const char* line, unsigned long long* value) {
+  while (*line == ' ' || *line == '\t') ++line;
+  if (*line < '0' || *line > '9') return false;
+  unsigned long long v = 0;
+  for (; *line >= '0' && *line <= '9'; ++line) {
+    const unsigned digit = static_cast<unsigned>(*line - '0');
+    if (v > (ULLONG_MAX - digit) / 10) return false;
+    v = v * 10 + digit;
+  }
+  *value = v;
+  return true;
+}
+
+bool read_unsigned(const char* path, unsigned long long* value) {
+  char line[kLineSize];
+  return read_first_line(path, line, sizeof line) && parse_unsigned(line, value);
+}
+
+}  // namespace drm_sysfs

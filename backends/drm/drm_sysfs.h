@@ -37,3 +37,15 @@ int scaled_decimal(const char* line, long long divisor);
 void cut_newline(char* line);
 
 }  // namespace drm_sysfs
+
+namespace drm_sysfs {
+
+// The unsigned decimal number a line starts with (leading blanks skipped):
+// false when the line does not start with a digit or the number does not fit
+// 64 bits. Counters such as energy<i>_input (µJ) pass 2^32 within hours.
+bool parse_unsigned(const char* line, unsigned long long* value);
+
+// Reads `path` and parses its first line with parse_unsigned.
+bool read_unsigned(const char* path, unsigned long long* value);
+
+}  // namespace drm_sysfs

@@ -43,7 +43,7 @@ const Card kPolaris = {0, 0, 1, 1, 0x1002, 0x67DF, 0xE7, 0x1DA2, 0xE366, "113-1E
 const Card kPhoenix = {0, 6, 1, 1, 0x1002, 0x15BF, 0xC1, 0x17AA, 0x3881, "113-PHXGENERIC-001",
                        "amdgpu", 12, 800, kUnset, 45, 9, {}, true, "AMD Radeon 780M Graphics"};
 const Card kB580 = {0, 5, 2, -1, 0x8086, 0xE20B, 0x00, 0x8086, 0x1100, "", "xe",
-                    kUnset, kUnset, kUnset, 47, kUnset, {1320, 1315, 0}, true, "Intel Arc B580"};
+                    kUnset, 2850, kUnset, 47, kUnset, {1320, 1315, 0}, true, "Intel Arc B580"};
 // clang-format on
 
 Card with(Card card, void (*change)(Card&)) {
@@ -69,36 +69,46 @@ const std::vector<Scan> kScans = {
       "  - revision ID: C8", "  - subdevice ID: 1DA2-471E", "  - VBIOS: 113-D7020100-102",
       "  - core usage: 7 %", "  - driver: amdgpu", "  - core clock: 1850 MHz",
       "  - mem clock: 1249 MHz", "  - core temperature: 52 °C", "  - power: 86 W",
-      "  - num fans: 1", "    > fan[1] speed: 1102 RPM", "num GPUs in DRM: 1"},
+      "  - num fans: 1", "    > fan[1] speed: 1102 RPM", "  - memory usage: 2 %",
+      "  - VRAM: 24560 MB", "  - memory temperature: 58 °C", "  - power limit: 339 W",
+      "num GPUs in DRM: 1"},
      true, {kRx7900xtx}},
     {"amd-rdna4-rx9070xt", {}, {}, false,
      {{0, 2, 1, 1, 0x1002, 0x7550, 0xC0, 0x1DA2, 0xE490, "113-EXT90181-001", "amdgpu", 0, 134,
        96, 38, 19, {0}, true, "AMD Radeon RX 9070 XT"}}},
     {"amd-polaris-rx580", {}, {}, false, {kPolaris}},
     {"amd-apu-phoenix-780m", {}, {}, false, {kPhoenix}},
-    // Gaps in the card numbers; card9 lies beyond card0..card7.
-    {"amd-multi-card-gaps", {}, {"> GPU 2", "> GPU 4", "num GPUs in DRM: 2"}, false,
+    // Gaps in the card numbers; card9 is found as well, with its hwmon9.
+    {"amd-multi-card-gaps", {}, {"> GPU 2", "> GPU 4", "> GPU 9", "num GPUs in DRM: 3"}, false,
      {{2, 6, 1, 1, 0x1002, 0x73FF, 0xC1, 0x1DA2, 0xE448, "113-D6720100-100", "amdgpu", 41, 2089,
        1000, 63, 131, {1850}, true, "AMD Radeon RX 6600 XT"},
       {4, 7, 1, 1, 0x1002, 0x743F, 0xC7, 0x1458, 0x2316, "113-D6370200-100", "amdgpu", 3, 500, 96,
-       41, 7, {0}, true, "AMD Radeon RX 6400"}}},
-    // No hwmon on the integrated GPU: the probe loop ran to its end and the
-    // record keeps 8. Revisions below 0x10 are traced with a leading blank.
+       41, 7, {0}, true, "AMD Radeon RX 6400"},
+      {9, 9, 1, 1, 0x1002, 0x7480, 0xCF, 0x1462, 0x5050, "113-D7070100-100", "amdgpu", 0, 35, 96,
+       35, 6, {0}, true, "AMD Radeon RX 7600"}}},
+    // No hwmon on the integrated GPU: the record keeps 8 and its driver comes
+    // from the device's uevent. Revisions below 0x10 are traced with a leading
+    // blank. i915 clocks come from the card's GT files, power from the energy
+    // counter (nothing before the second reading).
     {"intel-arc-a770-i915", {},
      {"DRM: scanning GPUs...", "> GPU 0", "  - device ID: 8086-4680", "  - revision ID:  C",
-      "  - subdevice ID: 1043-8882", "> GPU 1", "  - hwmon index: 4", "  - device ID: 8086-56A0",
-      "  - revision ID:  8", "  - subdevice ID: 8086-1020", "  - driver: i915",
+      "  - subdevice ID: 1043-8882", "  - driver: i915", "  - core clock: 300 MHz", "> GPU 1",
+      "  - hwmon index: 4", "  - device ID: 8086-56A0", "  - revision ID:  8",
+      "  - subdevice ID: 8086-1020", "  - driver: i915", "  - core clock: 600 MHz",
+      "  - power limit: 225 W", "  - power: energy counter 1 (average between refreshes)",
       "num GPUs in DRM: 2"},
      true,
-     {{0, 8, -1, -1, 0x8086, 0x4680, 0x0C, 0x1043, 0x8882, "", "", kUnset, kUnset, kUnset, kUnset,
-       kUnset, {}, false, "Intel UHD Graphics 770"},
-      {1, 4, -1, -1, 0x8086, 0x56A0, 0x08, 0x8086, 0x1020, "", "i915", kUnset, kUnset, kUnset,
-       kUnset, kUnset, {}, false, "Intel Arc A770"}}},
+     {{0, 8, -1, -1, 0x8086, 0x4680, 0x0C, 0x1043, 0x8882, "", "i915", kUnset, 300, kUnset,
+       kUnset, kUnset, {}, true, "Intel UHD Graphics 770"},
+      {1, 4, -1, -1, 0x8086, 0x56A0, 0x08, 0x8086, 0x1020, "", "i915", kUnset, 600, kUnset,
+       kUnset, kUnset, {}, true, "Intel Arc A770"}}},
     {"intel-arc-b580-xe", {},
      {"DRM: scanning GPUs...", "> GPU 0", "  - hwmon index: 5", "  - device ID: 8086-E20B",
       "  - revision ID:  0", "  - subdevice ID: 8086-1100", "  - driver: xe",
       "  - core temperature: 47 °C", "  - num fans: 3", "    > fan[1] speed: 1320 RPM",
-      "    > fan[2] speed: 1315 RPM", "    > fan[3] speed: 0 RPM", "num GPUs in DRM: 1"},
+      "    > fan[2] speed: 1315 RPM", "    > fan[3] speed: 0 RPM", "  - core clock: 2850 MHz",
+      "  - memory temperature: 52 °C", "  - power limit: 190 W",
+      "  - power: energy counter 1 (average between refreshes)", "num GPUs in DRM: 1"},
      true, {kB580}},
     // Without nvidia-smi an NVIDIA card is a DRM card like any other.
     {"nvidia-gtx1060-nouveau", {}, {}, false,
@@ -107,9 +117,9 @@ const std::vector<Scan> kScans = {
     {"amd-sriov-vf-no-hwmon", {},
      {"DRM: scanning GPUs...", "> GPU 0", "  - device ID: 1002-7362", "  - revision ID: C3",
       "  - subdevice ID: 1002- A34", "  - VBIOS: 113-D3980100-O00", "  - core usage: 0 %",
-      "num GPUs in DRM: 1"},
+      "  - driver: amdgpu", "num GPUs in DRM: 1"},
      true,
-     {{0, 8, -1, -1, 0x1002, 0x7362, 0xC3, 0x1002, 0x0A34, "113-D3980100-O00", "", 0, kUnset,
+     {{0, 8, -1, -1, 0x1002, 0x7362, 0xC3, 0x1002, 0x0A34, "113-D3980100-O00", "amdgpu", 0, kUnset,
        kUnset, kUnset, kUnset, {}, true, "AMD Radeon Pro V520"}}},
     {"drm-vendor-zero", {}, {"DRM: scanning GPUs...", "DRM: no GPU found."}, true, {}},
     {"desktop-no-gpu", {}, {"DRM: scanning GPUs...", "DRM: no GPU found."}, true, {}},
@@ -149,18 +159,18 @@ const std::vector<Scan> kScans = {
     {"amd-polaris-rx580", {{"/sys/class/drm/card0/device/hwmon/hwmon0/power1_input", "0\n"}},
      {"  - power: 0 W"}, false, {with(kPolaris, [](Card& c) { c.watts = 0; })}},
 
-    // ---- hwmon probe: a name without content does not count, and hwmon8 and
-    // up are never tried.
+    // ---- hwmon probe: a name without content does not count; any hwmon
+    // number is tried (hwmon numbers are global).
     {"amd-rdna3-rx7900xtx",
      {{C + "hwmon/hwmon2/name", ""}, {C + "hwmon/hwmon2/temp1_input", "99000\n"}}, {}, false,
      {kRx7900xtx}},
     {"amd-rdna3-rx7900xtx",
      {{H + "name", nullptr}, {C + "hwmon/hwmon9/name", "amdgpu\n"},
       {C + "hwmon/hwmon9/temp1_input", "50000\n"}},
-     {"  - core usage: 7 %", "num GPUs in DRM: 1"}, false,
+     {"  - hwmon index: 9", "  - core temperature: 50 °C"}, false,
      {with(kRx7900xtx, [](Card& c) {
-       c.hwmon = 8, c.temp_input = c.power_input = -1, c.driver = "";
-       c.core_mhz = c.mem_mhz = c.celsius = c.watts = -1, c.fans_rpm = {};
+       c.hwmon = 9, c.power_input = -1, c.celsius = 50;
+       c.core_mhz = c.mem_mhz = c.watts = -1, c.fans_rpm = {};
      })}},
     // The revision text " 7" matches no two-digit database row ("07" would).
     {"amd-apu-phoenix-780m", {{"/sys/class/drm/card0/device/revision", "0x07\n"}},
@@ -170,7 +180,8 @@ const std::vector<Scan> kScans = {
     {"amd-rdna3-rx7900xtx",
      {{C + "device", nullptr}, {C + "revision", nullptr}, {C + "subsystem_vendor", nullptr},
       {C + "subsystem_device", nullptr}, {C + "vbios_version", nullptr},
-      {C + "gpu_busy_percent", nullptr}, {H + "freq1_input", ""}, {H + "freq2_input", nullptr}},
+      {C + "gpu_busy_percent", nullptr}, {C + "mem_busy_percent", nullptr}, {H + "freq1_input", ""},
+      {H + "freq2_input", nullptr}},
      {"> GPU 1", "  - device ID: 1002-   0", "  - subdevice ID:    0-   0"}, false,
      {with(kRx7900xtx, [](Card& c) {
        c.device = c.revision = c.subvendor = c.subdevice = 0, c.vbios = c.name = "";
@@ -261,7 +272,7 @@ TEST(DrmScan, CountsMonitorableRecords) {
     const char* machine;
     uint64_t drm, monitorable;
   };
-  for (const Count& c : {Count{"intel-arc-a770-i915", 2, 0}, Count{"amd-multi-card-gaps", 2, 2},
+  for (const Count& c : {Count{"intel-arc-a770-i915", 2, 2}, Count{"amd-multi-card-gaps", 3, 3},
                          Count{"amd-sriov-vf-no-hwmon", 1, 1}}) {
     SCOPED_TRACE(c.machine);
     MachineScope scope(c.machine);

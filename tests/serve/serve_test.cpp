@@ -105,8 +105,10 @@ TEST(Serve, MetricsOfFakeMachines) {
            {"gpumon_gpus 1\n",
             "gpumon_gpu_clock_hertz{gpu=\"0\",name=\"Sapphire PULSE RX 7900 XTX\","
             "pci=\"0000:03:00.0\",clock=\"memory\"} 1249000000\n",
-            "# TYPE gpumon_gpu_fan_speed_rpm gauge\n"},
-           {"sensor=\"memory\"", "energy", "NaN"}},
+            "# TYPE gpumon_gpu_fan_speed_rpm gauge\n",
+            "gpumon_gpu_temperature_celsius{gpu=\"0\",name=\"Sapphire PULSE RX 7900 XTX\","
+            "pci=\"0000:03:00.0\",sensor=\"memory\"} 58\n"},
+           {"energy", "NaN"}},
           {built_machine("nvidia-h100-sxm"),
            {},
            {"# TYPE gpumon_gpu_energy_joules_total counter\n",
