@@ -59,6 +59,13 @@ std::string fans_text(const zev::GPU* gpu) {
   return text;
 }
 
+// Video memory in MiB: "used/total", the total alone, or "-".
+std::string vram_text(const zev::GPU* gpu) {
+  const std::string total = gpu->vram_size_mb > 0 ? std::to_string(gpu->vram_size_mb) : "-";
+  if (gpu->vram_used_mb < 0) return total;
+  return std::to_string(gpu->vram_used_mb) + "/" + total;
+}
+
 std::string columns(const std::vector<std::vector<std::string>>& rows) {
   std::vector<size_t> width;
   for (const auto& row : rows) {
@@ -88,8 +95,8 @@ std::string format_value(float value, int decimals) {
 
 std::string render_table(zev::GpuMonitor* monitor, const std::vector<GpuView>& gpus) {
   std::vector<std::vector<std::string>> rows = {
-      {"GPU", "Name", "Chip", "Shaders/TMUs/ROPs", "TDP W", "PCI", "Bus", "Temp C", "Mem C",
-       "Core %", "Mem %", "Core MHz", "Mem MHz", "Power W", "Fans"}};
+      {"GPU", "Name", "Chip", "Driver", "Shaders/TMUs/ROPs", "TDP W", "PCI", "Bus", "Temp C",
+       "Mem C", "Core %", "Mem %", "VRAM MiB", "Core MHz", "Mem MHz", "Power W", "Fans"}};
   for (const GpuView& view : gpus) {
     const zev::GPU* gpu = view.gpu;
     const bool pci = gpu->vendor_id != 0 || gpu->device_id != 0;
@@ -97,6 +104,7 @@ std::string render_table(zev::GpuMonitor* monitor, const std::vector<GpuView>& g
         std::to_string(view.slot),
         display_name(*gpu)[0] ? display_name(*gpu) : "-",
         gpu->codename[0] ? gpu->codename : "-",
+        gpu->driver_name[0] ? gpu->driver_name : "-",
         units_text(gpu),
         count_text(gpu->tdp_w),
         pci ? hex4(gpu->vendor_id) + ":" + hex4(gpu->device_id) : "-",
@@ -106,6 +114,7 @@ std::string render_table(zev::GpuMonitor* monitor, const std::vector<GpuView>& g
         format_value(gpu->temperatures[2].current, 0),
         format_value(gpu->core_usage[0], 0),
         format_value(gpu->memory_usage[0], 0),
+        vram_text(gpu),
         format_value(gpu->core_clock.current, 0),
         format_value(gpu->memory_clock.current, 0),
         format_value(gpu->power.watts, 0),

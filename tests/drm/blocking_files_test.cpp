@@ -105,7 +105,8 @@ TEST(BlockingFiles, ReadAsEmptyWithoutHoldingTheMonitor) {
   // The hwmon name (read whole by the host library), the vendor probe, and
   // values read by the scan and by every refresh.
   for (const std::string& path :
-       {H + "name", C + "vendor", H + "temp1_input", C + "gpu_busy_percent"}) {
+       {H + "name", C + "vendor", H + "temp1_input", C + "gpu_busy_percent", H + "temp3_label",
+        C + "mem_busy_percent", C + "uevent"}) {
     SCOPED_TRACE(path);
     bool finished = false;
     const std::string empty = run(path, Stand::kEmptyFile, &finished);

@@ -33,12 +33,10 @@ TEST(Gpumon, StartUpSummaryAndTable) {
       {"amd-sriov-vf-no-hwmon",
        {"Num GPUs detected: 1", "> GPU0", "  - name: AMD Radeon Pro V520",
         "  - PCI codes: 0x1002-0x7362", "  - VBIOS: 113-D3980100-O00"},
-       {"GPU  Name                 Chip     Shaders/TMUs/ROPs  TDP W  PCI        Bus  Temp C  Mem "
-        "C  "
-        "Core %  Mem %  Core MHz  Mem MHz  Power W  Fans",
-        "0    AMD Radeon Pro V520  Navi 12  2304/144/64        225    1002:7362  -    -       -    "
-        "  "
-        "0       -      -         -        -        -",
+       {"GPU  Name                 Chip     Driver  Shaders/TMUs/ROPs  TDP W  PCI        Bus  "
+        "Temp C  Mem C  Core %  Mem %  VRAM MiB  Core MHz  Mem MHz  Power W  Fans",
+        "0    AMD Radeon Pro V520  Navi 12  amdgpu  2304/144/64        225    1002:7362  -    "
+        "-       -      0       -      -         -         -        -        -",
         "", "CPU: AMD EPYC 7R32, 2800 MHz", "OS:  Linux 6.8.0-1015-aws 64-bit"}},
       {"arm64-no-cpu-mhz", {"Num GPUs detected: 0"}, {"No GPU found.", "", "CPU: -, - MHz"}},
   };

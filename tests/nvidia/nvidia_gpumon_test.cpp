@@ -250,8 +250,8 @@ TEST(NvidiaGpumon, TheTableShowsTheH100) {
   nvidia_test::allow_preloading();
   const machine::RunResult r = testing_support::run_gpumon({"--machine", machine.dir()});
   ASSERT_EQ(r.exit_code, 0) << r.err;
-  EXPECT_NE(r.out.find("NVIDIA H100 80GB HBM3  GH100  16896/-/24         -      10DE:2330  24   "
-                       "32 (32-32)  -      0       0      345       2619     71       -"),
+  EXPECT_NE(r.out.find("NVIDIA H100 80GB HBM3  GH100  -       16896/-/24         -      10DE:2330  "
+                       "24   32 (32-32)  -      0       0      -         345       2619     71       -"),
             std::string::npos)
       << r.out;
 }
