@@ -5,6 +5,7 @@
 
 #include "backends/rpi/rpi_board.h"
 #include "plugin/gpu_monitor_vorn.h"
+#include "sysinfo/board_model.h"
 #include "zev/utils.h"
 
 bool GpuMonitorVorn::_init_system_info() {
@@ -21,10 +22,13 @@ bool GpuMonitorVorn::_init_cpu_name() {
   linux_read_cpu_name(name);
   // On a Raspberry Pi 3, 4 or 5 the CPU name is the board model, which also
   // tells the Pi's GPU discovery which board this is. Elsewhere the board
-  // model line is absent or names no Pi, and nothing changes.
+  // model line is absent or names no Pi, and nothing changes; there the
+  // pipeline that reads the model is not even started (one process less at
+  // every start-up): /proc/cpuinfo read in-process already says so.
   char model[128];
   std::memset(model, 0, sizeof model);
-  if (linux_arm64_rpi_read_cpu_name(model) && raspberry_pi_model(model))
+  if (board_model::could_be_raspberry_pi() && linux_arm64_rpi_read_cpu_name(model) &&
+      raspberry_pi_model(model))
     copy_text(name, sizeof name, model);
   copy_text(cpu_name, sizeof cpu_name, name);
 

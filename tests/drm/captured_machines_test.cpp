@@ -229,4 +229,34 @@ TEST(ExtraSensors, ManyDrmEntries) {
   for (unsigned long i = 0; i < 16; ++i) EXPECT_EQ(host.gpu(i).drm_card_index, static_cast<int>(i));
 }
 
+// Machines with cards beyond card7 and hwmon folders beyond hwmon7: every
+// card in ascending number, each with its own hwmon folder.
+TEST(ManyCards, EveryCardWithItsHwmon) {
+  struct Many {
+    const char* machine;
+    std::vector<int> cards, hwmons;  // -1: none (the record keeps 8)
+  };
+  const Many cases[] = {
+      {"amd-12-gpu-mining-rig", {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11},
+       {2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13}},
+      {"amd-mi300x-8-gpu-server", {0, 1, 9, 17, 25, 33, 41, 49, 57},
+       {-1, 12, 13, 14, 15, 16, 17, 18, 19}},
+  };
+  for (const Many& m : cases) {
+    SCOPED_TRACE(m.machine);
+    ENTER_HOST(host, m.machine);
+    ASSERT_EQ(host->get_num_gpus(), m.cards.size());
+    host->update_dynamic_data();
+    for (size_t i = 0; i < m.cards.size(); ++i) {
+      const zev::GPU& g = host.gpu(i);
+      EXPECT_EQ(g.drm_card_index, m.cards[i]);
+      EXPECT_EQ(g.drm_hwmon_index, m.hwmons[i] < 0 ? 8 : m.hwmons[i]);
+      EXPECT_EQ(g.temperatures[0].current, m.hwmons[i] < 0 ? kUnset : g.temperatures[0].max);
+      if (m.hwmons[i] >= 0) {
+        EXPECT_GT(g.temperatures[2].current, 0) << i;
+      }
+    }
+  }
+}
+
 }  // namespace

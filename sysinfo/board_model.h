@@ -1,0 +1,12 @@
+// Whether this machine could be a Raspberry Pi, decided from /proc/cpuinfo
+// without starting a process. The board model is the first line holding
+// "Model" (a Pi's "Model : Raspberry Pi 4 Model B Rev 1.4"); PCs and servers
+// have no such line, or one naming no Pi, and then the pipeline that reads
+// the model for the Pi's discovery need not run: it could only find no Pi.
+#pragma once
+
+namespace board_model {
+
+bool could_be_raspberry_pi();
+
+}  // namespace board_model
