@@ -2,6 +2,7 @@
 #   bin/gpumon
 #   lib/libzev_r_linux_x64.so          the host library, which a host links
 #   lib/zev/plugin_zev_gpumon_x64.so   the plug-in, which a host loads by path
+#   lib/zev/libzev-cuda-standin.so     what gpumon --record puts in NVIDIA recordings
 #   include/zev/*.h                    the framework's and the monitor's interfaces
 #   lib/cmake/zev_gpumon/              the CMake package: find_package(zev_gpumon)
 #                                      gives zev_gpumon::host and zev_gpumon_PLUGIN
@@ -28,6 +29,10 @@ install(DIRECTORY ${PROJECT_SOURCE_DIR}/host/include/zev ${PROJECT_SOURCE_DIR}/p
 file(RELATIVE_PATH zev_bin_to_lib ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
 set_target_properties(gpumon PROPERTIES INSTALL_RPATH "$ORIGIN/${zev_bin_to_lib}")
 install(TARGETS gpumon RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+# gpumon --record puts this stand-in for the CUDA driver library (whose
+# presence is all the monitor checks) into recordings of NVIDIA machines.
+install(FILES $<TARGET_FILE:fake_cuda> DESTINATION ${ZEV_INSTALL_PLUGIN_DIR}
+  RENAME libzev-cuda-standin.so)
 
 set(zev_package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/zev_gpumon)
 install(EXPORT zev_gpumonTargets NAMESPACE zev_gpumon:: DESTINATION ${zev_package_dir})

@@ -20,6 +20,7 @@
 #include "options.h"
 #include "overlay.h"
 #include "plugin_loader.h"
+#include "record.h"
 #include "report.h"
 #include "serve.h"
 #include "zev/trace.h"
@@ -146,6 +147,10 @@ int main(int argc, char** argv) {
   }
   if (!options.lookup.empty()) return run_lookup(options.lookup, options.json);
   if (!options.machine.empty()) return run_in_machine(options);
+  if (!options.record.empty()) {
+    return record_machine(options.record,
+                          options.plugin.empty() ? default_plugin_path() : options.plugin);
+  }
 
   TraceCollector traces;
   traces.echo = options.trace;

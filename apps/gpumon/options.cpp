@@ -33,6 +33,7 @@ enum OptionId {
   kServe,
   kHelpQuery,
   kVersion,
+  kRecord,
 };
 
 const option kLongOptions[] = {
@@ -55,6 +56,7 @@ const option kLongOptions[] = {
     {"help", no_argument, nullptr, 'h'},
     {"help-query", no_argument, nullptr, kHelpQuery},
     {"version", no_argument, nullptr, kVersion},
+    {"record", required_argument, nullptr, kRecord},
     {nullptr, 0, nullptr, 0},
 };
 
@@ -123,6 +125,10 @@ bool apply(int id, const char* v, Options* o, bool* format_given, std::string* e
       return true;
     case kLookup:
       o->lookup = value;
+      return true;
+    case kRecord:
+      if (value.empty()) return fail("--record needs a folder to write");
+      o->record = value;
       return true;
     case kWatch:
       return parse_seconds(v, &o->watch_seconds) ||
@@ -225,13 +231,16 @@ const char* usage_text() {
          "  --gl-info            the OpenGL snapshot of a context: strings, limits, extensions\n"
          "  --serve HOST:PORT    serve Prometheus metrics on http://HOST:PORT/metrics, refreshed\n"
          "                       on each scrape, until SIGINT or SIGTERM (port 0: any free one)\n"
+         "  --record DIR         write this machine (the files the monitor reads, the answers\n"
+         "                       of the GPU tools it runs) as a machine folder for --machine\n"
          "  --help, -h           show this help\n"
          "  --help-query         list the --query fields\n"
          "  --version            show gpumon's version and JSON schema version\n"
          "\n"
          "Exit codes: 0 done; 1 not found (an unknown --gpu or --lookup id, no GPU to\n"
          "draw); 2 bad command line or plug-in; 3 the fake machine could not be set up;\n"
-         "4 no OpenGL context or the overlay could not be written; 5 --serve cannot\n"
+         "4 no OpenGL context, or the overlay or --record folder could not be written;\n"
+         "5 --serve cannot "
          "listen on its address.\n";
 }
 
@@ -287,6 +296,13 @@ bool parse_options(int argc, char** argv, Options* options, std::string* error) 
                                   options->watch_seconds > 0 || !options->overlay.empty() ||
                                   options->gl_info || !options->lookup.empty())) {
     *error = "--serve goes with --gpu, --trace, --machine and --plugin alone";
+    return false;
+  }
+  if (!options->record.empty() &&
+      (options->json || !options->query.empty() || options->watch_seconds > 0 ||
+       !options->overlay.empty() || options->gl_info || !options->lookup.empty() ||
+       !options->serve.empty() || !options->gpus.empty())) {
+    *error = "--record goes with --machine and --plugin alone";
     return false;
   }
   return true;

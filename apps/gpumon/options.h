@@ -11,6 +11,7 @@ enum ExitCode {
   kExitUsage = 2,     // bad command line, a plug-in that cannot be loaded
   kExitMachine = 3,   // the fake machine could not be set up
   kExitOpenGl = 4,    // no OpenGL context, an overlay that cannot be written
+  kExitFile = 4,      // a file or folder that cannot be written (overlay, --record)
   kExitServe = 5,     // --serve cannot listen on its address
 };
 
@@ -37,6 +38,7 @@ struct Options {
   std::string text = "v5";  // --text: simplified, v2, v3, v4 or v5
   bool gl_info = false;     // --gl-info
   std::string serve;        // --serve HOST:PORT: Prometheus metrics over HTTP ("": none)
+  std::string record;       // --record DIR: write this machine as a machine folder ("": none)
   std::vector<std::string> args_without_machine;  // argv[1...] less --machine DIR, for the
                                                   // run inside the machine
 };
