@@ -12,9 +12,6 @@
 //
 //   build/bin/drm_update_bench [--benchmark_filter=...]
 //
-// The Arc A770 machine is left out: its records have no sensor, so a refresh
-// reads nothing there.
-//
 // Counters: refresh time per GPU, floor (seconds per pass), ratio (refresh
 // / floor), syscalls per refresh (open + read + close; floor_syscalls: the
 // floor's), opens per refresh, allocations and allocated bytes per refresh.
@@ -132,6 +129,13 @@ DRM_MACHINE(arc_b580_xe, "intel-arc-b580-xe");
 DRM_MACHINE(gtx1060_nouveau, "nvidia-gtx1060-nouveau");
 DRM_MACHINE(two_cards_with_gaps, "amd-multi-card-gaps");
 DRM_MACHINE(vf_without_hwmon, "amd-sriov-vf-no-hwmon");
+DRM_MACHINE(arc_a770_i915, "intel-arc-a770-i915");
+DRM_MACHINE(captured_rx7900xtx_hwmon8, "lact-amd-rx7900xtx");
+DRM_MACHINE(captured_rx580, "lact-amd-rx580");
+DRM_MACHINE(captured_b580_energy, "lact-intel-b580");
+DRM_MACHINE(captured_tigerlake_no_hwmon, "lact-intel-tigerlake");
+DRM_MACHINE(twelve_gpu_rig, "amd-12-gpu-mining-rig");
+DRM_MACHINE(mi300x_server_8_gpus, "amd-mi300x-8-gpu-server");
 
 }  // namespace
 
