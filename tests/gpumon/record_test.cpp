@@ -38,6 +38,7 @@ class Recording : public testing::Test {
 };
 
 TEST_F(Recording, ReplaysAsTheMachineItWasRecordedFrom) {
+  testing_support::allow_preloading();
   // DRM from a real capture, a Raspberry Pi (V3D files and vcgencmd), NVIDIA
   // through nvidia-smi, and an energy counter that moves while it runs.
   for (const std::string& machine :

@@ -65,7 +65,7 @@ void run(const Case& c) {
   // The fakes' logs go next to the machine's files, outside its private copy.
   const Machine machine = c.machine();
   const std::string nvml_log = machine.dir() + "/nvml.log", smi_log = machine.dir() + "/smi.log";
-  nvidia_test::allow_preloading();
+  testing_support::allow_preloading();
   setenv("ZEV_FAKE_NVML_LOG", nvml_log.c_str(), 1);
   setenv("ZEV_FAKE_NVIDIA_SMI_LOG", smi_log.c_str(), 1);
   Texts args = {"--machine", machine.dir(), "--json"};
@@ -247,7 +247,7 @@ TEST(NvidiaGpumon, NvidiaSmiMachinesAsAHostSeesThem) {
 
 TEST(NvidiaGpumon, TheTableShowsTheH100) {
   const Machine machine(kH100);
-  nvidia_test::allow_preloading();
+  testing_support::allow_preloading();
   const machine::RunResult r = testing_support::run_gpumon({"--machine", machine.dir()});
   ASSERT_EQ(r.exit_code, 0) << r.err;
   EXPECT_NE(r.out.find("NVIDIA H100 80GB HBM3  GH100  -       16896/-/24         -      10DE:2330  "

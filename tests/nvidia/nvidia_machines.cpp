@@ -28,14 +28,6 @@ std::string self_path() {
 
 }  // namespace
 
-void allow_preloading() {
-  const char* given = std::getenv("ASAN_OPTIONS");
-  std::string options = given != nullptr ? given : "";
-  if (options.find("verify_asan_link_order=0") != std::string::npos) return;
-  if (!options.empty()) options += ":";
-  setenv("ASAN_OPTIONS", (options + "verify_asan_link_order=0").c_str(), 1);
-}
-
 Machine::Machine(const std::string& base)
     : temp_(std::make_shared<testing_support::TempMachine>(
           testing_support::Files{},
@@ -75,7 +67,7 @@ int inside_each(size_t cases, const std::function<Machine(size_t)>& make) {
   if (child != nullptr && std::string(child).rfind(name + "#", 0) == 0) {
     return std::atoi(child + name.size() + 1);
   }
-  allow_preloading();
+  testing_support::allow_preloading();
   for (size_t i = 0; i < cases; ++i) {
     const Machine machine = make(i);
     setenv(kChildVariable, (name + "#" + std::to_string(i)).c_str(), 1);

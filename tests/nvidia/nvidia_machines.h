@@ -38,8 +38,5 @@ class Machine {
 // the case number in the child, which goes on with that case.
 int inside_each(size_t cases, const std::function<Machine(size_t)>& make);
 
-// Programs in a machine get the fake driver preloaded (machine.env) ahead of a
-// sanitizer build's runtime, which stops them unless told not to check.
-void allow_preloading();
 
 }  // namespace nvidia_test

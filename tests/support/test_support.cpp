@@ -150,4 +150,12 @@ machine::RunResult run_gpumon(const std::vector<std::string>& args) {
   return result;
 }
 
+void allow_preloading() {
+  const char* given = std::getenv("ASAN_OPTIONS");
+  std::string options = given != nullptr ? given : "";
+  if (options.find("verify_asan_link_order=0") != std::string::npos) return;
+  if (!options.empty()) options += ":";
+  setenv("ASAN_OPTIONS", (options + "verify_asan_link_order=0").c_str(), 1);
+}
+
 }  // namespace testing_support

@@ -105,6 +105,11 @@ std::vector<std::string> lines_of(const std::string& text);
 // Reads a whole file ("" when it cannot be read).
 std::string read_file(const std::string& path);
 
+// Programs in an NVIDIA machine get the fake driver preloaded (machine.env)
+// ahead of a sanitizer build's runtime, which stops them unless told not to
+// check.
+void allow_preloading();
+
 // Runs gpumon with the given arguments, capturing its standard output and
 // error apart.
 machine::RunResult run_gpumon(const std::vector<std::string>& args);
