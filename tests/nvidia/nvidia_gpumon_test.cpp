@@ -182,7 +182,7 @@ TEST(NvidiaGpumon, NvmlMachinesAsAHostSeesThem) {
       // A laptop: NVML finds the NVIDIA GPU, the DRM scan the AMD one that
       // drives the screen (skipping the NVIDIA card).
       {"NVIDIA through NVML and AMD", on("nvidia-amd-780m-rtx4060-nvml"), "",
-       "num GPUs detected by nvidia nvml: 1|DRM: scanning GPUs...|> GPU 1|"
+       "num GPUs detected by nvidia nvml: 1|!> GPU 0|DRM: scanning GPUs...|> GPU 1|"
        "  - device ID: 1002-15BF|num GPUs in DRM: 1|Num GPUs detected: 2",
        R"([{"name": "NVIDIA GeForce RTX 4060 Laptop GPU", "pci": {"address": "0000:01:00.0"},
             "memory_total_mib": 8188, "memory_used_mib": 9},
