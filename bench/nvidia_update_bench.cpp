@@ -1,5 +1,6 @@
 // Cost of refreshing NVIDIA GPUs: one update_dynamic_data on the same fake
-// machine (two GPUs), once with the GPUs found through NVML and once with
+// machine (two GPUs: two and three fans, two processes on the first), once
+// with the GPUs found through NVML and once with
 // them found through nvidia-smi. Reported per refresh and per GPU: the time,
 // the NVML calls made (counted by the fake library) and the nvidia-smi
 // processes started (logged by the fake tool). The NVML refresh is set
@@ -90,16 +91,29 @@ double thread_seconds() {
 }
 
 // The floor of an NVML refresh: the calls it makes for each GPU, in its
-// order, with nothing done with their answers.
+// order, with nothing done with their answers: the sensors, every fan (its
+// percentage and RPM), the memory in use and the per-process samples (the
+// sizing call, then the samples; the names of processes already seen are
+// not asked again).
 void bare_nvml_calls(GpuMonitorVorn& monitor) {
   const NvmlEntryPoints& api = g_nvml;
+  static nvml::ProcessUtilizationSample samples[GpuMonitorVorn::kMaxProcessSamples];
   for (unsigned long i = 0; i < monitor.nvml_get_num_gpus(); ++i) {
-    auto device = static_cast<nvml::Device>(monitor.nvml_get_gpu(i)->nvml_device);
+    const zev::GPU* gpu = monitor.nvml_get_gpu(i);
+    auto device = static_cast<nvml::Device>(gpu->nvml_device);
     unsigned int value = 0;
     unsigned long long wide = 0;
     nvml::Utilization utilization;
+    nvml::Memory memory;
+    nvml::FanSpeedInfo fan;
     api.nvmlDeviceGetTemperature(device, nvml::kTemperatureGpu, &value);
     api.nvmlDeviceGetFanSpeed(device, &value);
+    for (unsigned int f = 1; f < gpu->num_fans; ++f)
+      api.nvmlDeviceGetFanSpeed_v2(device, f, &value);
+    for (unsigned int f = 0; f < gpu->num_fans; ++f) {
+      fan = {nvml::kFanSpeedInfoVersion, f, 0};
+      api.nvmlDeviceGetFanSpeedRPM(device, &fan);
+    }
     api.nvmlDeviceGetMaxClockInfo(device, nvml::kClockSm, &value);
     api.nvmlDeviceGetMaxClockInfo(device, nvml::kClockMem, &value);
     api.nvmlDeviceGetClock(device, nvml::kClockSm, nvml::kClockIdCurrent, &value);
@@ -108,10 +122,20 @@ void bare_nvml_calls(GpuMonitorVorn& monitor) {
     api.nvmlDeviceGetTotalEnergyConsumption(device, &wide);
     api.nvmlDeviceGetEnforcedPowerLimit(device, &value);
     api.nvmlDeviceGetUtilizationRates(device, &utilization);
+    api.nvmlDeviceGetMemoryInfo(device, &memory);
     api.nvmlDeviceGetCurrentClocksThrottleReasons(device, &wide);
+    unsigned int count = 0;
+    if (api.nvmlDeviceGetProcessUtilization(device, nullptr, &count, 0) ==
+        nvml::kErrorInsufficientSize) {
+      count = GpuMonitorVorn::kMaxProcessSamples;
+      api.nvmlDeviceGetProcessUtilization(device, samples, &count, 0);
+    }
     benchmark::DoNotOptimize(value);
     benchmark::DoNotOptimize(wide);
     benchmark::DoNotOptimize(utilization);
+    benchmark::DoNotOptimize(memory);
+    benchmark::DoNotOptimize(fan);
+    benchmark::DoNotOptimize(samples[0]);
   }
 }
 

@@ -68,6 +68,16 @@ ZEV_OUT_OF_LINE void store_fan_reading(zev::gpuFanSpeed* fan, int rpm) {
   fan->rpm = static_cast<float>(rpm);
 }
 
+ZEV_OUT_OF_LINE void store_memory_reading(zev::GPU* gpu, int mib) { gpu->vram_used_mb = mib; }
+
+// nvidia-smi's fan.speed is a percentage of the fan's maximum. The first
+// design stored it as RPM (an RTX 2080 SUPER at 38 % showed "38 RPM"): it
+// goes to the percentage, and the RPM is unknown.
+ZEV_OUT_OF_LINE void store_fan_percent(zev::gpuFanSpeed* fan, int percent) {
+  fan->speed_percent = static_cast<float>(percent);
+  fan->rpm = -1.0f;
+}
+
 }  // namespace
 
 bool GpuMonitorVorn::gpu_get_clocks(unsigned long index, float* core_mhz, float* memory_mhz) {
@@ -237,13 +247,13 @@ bool GpuMonitorVorn::gpu_read_fan_speed(unsigned long index) {
 
   // nvidia-smi reports one fan; its record is made on first success.
   if (nv_smi_source(gpu)) {
-    int speed = 0;
-    if (linux_nv_smi_read_gpu_fan_speed(gpu->nvidia_gpu_index, &speed)) {
+    int percent = 0;
+    if (linux_nv_smi_read_gpu_fan_speed(gpu->nvidia_gpu_index, &percent)) {
       if (gpu->fans == nullptr) {
         gpu->num_fans = 1;
         gpu->fans = new zev::gpuFanSpeed[1];
       }
-      store_fan_reading(&gpu->fans[0], speed);
+      store_fan_percent(&gpu->fans[0], percent);
       return true;
     }
   }
@@ -261,6 +271,17 @@ bool GpuMonitorVorn::gpu_read_fan_speed(unsigned long index) {
       store_fan_reading(&gpu->fans[i], rpm);
     }
   }
+  return true;
+}
+
+// Video memory in use, a reading no dispatcher of the first design made:
+// nvidia-smi's memory.used (MiB). A failed read keeps the last value.
+bool GpuMonitorVorn::gpu_read_vram_used(unsigned long index) {
+  zev::GPU* gpu = get_gpu(index);
+  if (gpu == nullptr || !nv_smi_source(gpu)) return false;
+  int mib = 0;
+  if (!linux_nv_smi_read_gpu_vram_used(gpu->nvidia_gpu_index, &mib)) return false;
+  store_memory_reading(gpu, mib);
   return true;
 }
 

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "backends/drm/drm_extra_sensors.h"
+#include "backends/nvidia/nvml_types.h"
 #include "zev/gpu.h"
 #include "zev/gpu_monitor.h"
 
@@ -27,6 +28,8 @@ class cDisplayDeviceId {
 class GpuMonitorVorn : public zev::GpuMonitor {
  public:
   static constexpr unsigned long kMaxGpus = 16;
+  // Per-process utilisation samples read from NVML at a time, per GPU.
+  static constexpr unsigned int kMaxProcessSamples = 256;
 
   GpuMonitorVorn();
   ~GpuMonitorVorn() override;
@@ -37,6 +40,9 @@ class GpuMonitorVorn : public zev::GpuMonitor {
   bool start() override;
   bool stop() override;
   bool init_gpus_linux();
+  // Whether the DRM scan would find a card other than NVIDIA's; asked
+  // quietly, before the scan runs beside NVML.
+  bool drm_has_other_than_nvidia();
 
   // Refresh and update thread (plugin/update.cpp).
   bool update_dynamic_data() override;
@@ -214,7 +220,7 @@ class GpuMonitorVorn : public zev::GpuMonitor {
   bool linux_nv_smi_read_gpu_temperature(unsigned long index, int* celsius);
   bool linux_nv_smi_read_vram_temperature(unsigned long index, int* celsius);
   bool linux_nv_smi_read_gpu_power(unsigned long index, int* watts);
-  bool linux_nv_smi_read_gpu_fan_speed(unsigned long index, int* speed);
+  bool linux_nv_smi_read_gpu_fan_speed(unsigned long index, int* percent);
   bool linux_nv_smi_read_num_gpus(unsigned long* count);
   bool linux_nv_smi_read_gpu_name(unsigned long index, char* name);
   bool linux_nv_smi_read_driver_version(unsigned long index, char* version);
@@ -226,6 +232,9 @@ class GpuMonitorVorn : public zev::GpuMonitor {
   bool linux_nv_smi_read_gpu_pci_bus_id(unsigned long index, unsigned long* bus);
   bool linux_nv_smi_read_gpu_vram_size(unsigned long index, int* mb);
   bool linux_nv_smi_read_gpu_vram_used(unsigned long index, int* mb);
+  // Video memory in use into the record (MiB): with the sensors on the
+  // nvidia-smi path (plugin/dispatch.cpp).
+  bool gpu_read_vram_used(unsigned long index);
   // ROP count from the kernel driver: 0 with *rops set, or the negative code
   // of the step that failed (-1 to -6), *rops untouched.
   int linux_nv_read_rop_counter(unsigned long gpu_index, int* rops);
@@ -332,6 +341,12 @@ class GpuMonitorVorn : public zev::GpuMonitor {
   int32_t gl_caps[59];
 
   void* nvml_lib_handle;
+
+  // Per-process utilisation of the NVML GPUs (backends/nvidia/nvml_processes.cpp):
+  // the samples of one read, and the records each NVML GPU's table has room
+  // for, so that a refresh reuses them instead of allocating.
+  nvml::ProcessUtilizationSample nvml_process_samples[kMaxProcessSamples];
+  uint32_t nvml_process_capacity[kMaxGpus];
 };
 
 // Entry point of the update thread (plugin/update.cpp).

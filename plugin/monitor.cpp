@@ -1,4 +1,5 @@
 // Construction, lifecycle and the Linux discovery sequence of the monitor.
+#include <dirent.h>
 #include <dlfcn.h>
 
 #include <cstdio>
@@ -9,6 +10,7 @@
 namespace {
 
 const char kAuthor[] = "zev gpumon developers";
+constexpr unsigned long kVendorNvidia = 0x10DE;
 
 }  // namespace
 
@@ -69,6 +71,7 @@ GpuMonitorVorn::GpuMonitorVorn()
   for (unsigned long i = 0; i < kMaxGpus; ++i) {
     gpus[i] = nullptr;
     nvml_gpus[i] = nullptr;
+    nvml_process_capacity[i] = 0;
   }
 
   set_name("GpuMonitor");
@@ -147,6 +150,14 @@ bool GpuMonitorVorn::init_gpus_linux() {
   if (cuda_found) {
     if (nvml_initialize()) {
       tracef_debug("num GPUs detected by nvidia nvml: %d", static_cast<int>(num_nvml_detected));
+      // The first design ended discovery here, so on a laptop whose NVIDIA
+      // GPU NVML finds, the AMD or Intel GPU that drives the screen was not
+      // listed. The DRM scan runs for the other cards (NVIDIA cards are
+      // skipped, as after nvidia-smi), and only when there is one: a machine
+      // with NVIDIA cards alone keeps its traces and its order.
+      if (drm_has_other_than_nvidia() && linux_drm_init_gpus()) {
+        tracef_debug("num GPUs in DRM: %d", static_cast<int>(num_gpus_drm));
+      }
       return true;
     }
     if (linux_nv_smi_init_gpus()) {
@@ -158,6 +169,28 @@ bool GpuMonitorVorn::init_gpus_linux() {
     tracef_debug("num GPUs in DRM: %d", static_cast<int>(num_gpus_drm));
   }
   return get_num_gpus() != 0;
+}
+
+bool GpuMonitorVorn::drm_has_other_than_nvidia() {
+  DIR* dir = opendir("/sys/class/drm");
+  if (dir == nullptr) return false;
+  bool found = false;
+  while (!found) {
+    const dirent* entry = readdir(dir);
+    if (entry == nullptr) break;
+    // "card<N>" alone: connectors ("card1-DP-1") and render nodes are no cards.
+    const char* name = entry->d_name;
+    if (std::strncmp(name, "card", 4) != 0 || name[4] == '\0') continue;
+    unsigned long card = 0;
+    const char* p = name + 4;
+    for (; *p >= '0' && *p <= '9' && card < 1000000; ++p) card = card * 10 + (*p - '0');
+    if (*p != '\0') continue;
+    unsigned long vendor = 0;
+    found = linux_drm_gpu_probe(card) && linux_drm_read_vendor_id(card, &vendor) &&
+            vendor != kVendorNvidia;
+  }
+  closedir(dir);
+  return found;
 }
 
 bool GpuMonitorVorn::terminate() {

@@ -22,6 +22,7 @@ bool GpuMonitorVorn::update_dynamic_data() {
     gpu_get_temperatures(i, nullptr, nullptr, nullptr, nullptr);
     gpu_power_get_current_value(i, nullptr, nullptr);
     gpu_read_fan_speed(i);
+    gpu_read_vram_used(i);
   }
   return true;
 }

@@ -61,6 +61,14 @@ const zev::gpuFanSpeed* first_fan(const GPU& gpu) {
   return gpu.fans != nullptr && gpu.num_fans > 0 ? &gpu.fans[0] : nullptr;
 }
 
+// PCIe throughput of an NVML GPU, as read_pcie_throughput() last asked it;
+// 0xFFFFFFFF is a counter NVML could not read.
+FieldValue pcie_throughput(const GPU& gpu, uint32_t kilobytes_per_second) {
+  if (gpu.nvml_device == nullptr || kilobytes_per_second == 0xFFFFFFFFu)
+    return FieldValue::unknown();
+  return FieldValue::of(kilobytes_per_second);
+}
+
 // The throttle reasons are read by NVML refreshes only; the text says so.
 bool throttle_known(const GPU& gpu) { return gpu.throttle_reason_text[0] != '\0'; }
 
@@ -124,6 +132,11 @@ const std::vector<GpuField> kFields = {
      [](const GpuView& v) {
        return v.gpu->vram_size_mb > 0 ? FieldValue::of(static_cast<double>(v.gpu->vram_size_mb))
                                       : FieldValue::unknown();
+     }},
+    {"memory.used", "memory_used_mib", "MiB", "video memory in use",
+     [](const GpuView& v) {
+       return v.gpu->vram_used_mb >= 0 ? FieldValue::of(static_cast<double>(v.gpu->vram_used_mb))
+                                       : FieldValue::unknown();
      }},
     {"memory.bus_width", "memory_bus_width_bits", "bit", "memory bus width",
      [](const GpuView& v) { return count(v.gpu->memory_bus_width); }},
@@ -202,6 +215,12 @@ const std::vector<GpuField> kFields = {
        const zev::gpuFanSpeed* fan = first_fan(*v.gpu);
        return fan != nullptr ? FieldValue::reading(fan->rpm) : FieldValue::unknown();
      }},
+    {"pcie.tx_throughput", "pcie_throughput_kb_per_s.tx", "KB/s",
+     "PCIe data the GPU sends, over the last 20 ms (NVML)",
+     [](const GpuView& v) { return pcie_throughput(*v.gpu, v.gpu->pcie_tx_throughput); }},
+    {"pcie.rx_throughput", "pcie_throughput_kb_per_s.rx", "KB/s",
+     "PCIe data the GPU receives, over the last 20 ms (NVML)",
+     [](const GpuView& v) { return pcie_throughput(*v.gpu, v.gpu->pcie_rx_throughput); }},
     {"clocks_throttle_reasons.active", "throttle_reasons.active", "",
      "bit mask of the reasons the clocks are held back (NVML; read by refreshes)",
      [](const GpuView& v) {
@@ -261,6 +280,19 @@ std::string query_fields_help() {
     out += line + field.description + "\n";
   }
   return out;
+}
+
+bool shows_pcie_throughput(const std::vector<const GpuField*>& fields) {
+  for (const GpuField* field : fields) {
+    if (field != nullptr && std::string(field->query).compare(0, 5, "pcie.") == 0) return true;
+  }
+  return false;
+}
+
+void read_pcie_throughput(zev::GpuMonitor* monitor) {
+  for (unsigned long i = 0; i < monitor->nvml_get_num_gpus(); ++i) {
+    monitor->nvml_get_pcie_throughput(i);
+  }
 }
 
 const char* display_name(const zev::GPU& gpu) {

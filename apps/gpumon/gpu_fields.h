@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "zev/gpu.h"
+#include "zev/gpu_monitor.h"
 
 // One GPU as gpumon shows it: its slot in the monitor's list, its record,
 // and what gpumon finds out about it besides.
@@ -58,3 +59,9 @@ const GpuField* find_query_field(const std::string& name);
 
 // The --query fields, one a line: name, unit and description.
 std::string query_fields_help();
+
+// PCIe throughput is read on demand only, not by refreshes: NVML measures
+// each counter over 20 ms. Whether `fields` show it, and the reading of
+// every NVML GPU's counters (before showing them).
+bool shows_pcie_throughput(const std::vector<const GpuField*>& fields);
+void read_pcie_throughput(zev::GpuMonitor* monitor);

@@ -48,6 +48,17 @@ ordered_json gpu_json(const GpuView& gpu) {
          {"speed_rpm", field_json(FieldValue::reading(gpu.gpu->fans[i].rpm))}});
   }
   out["fans"] = fans;
+  // The processes using the GPU (NVML): their SM and memory controller usage.
+  ordered_json processes = ordered_json::array();
+  for (uint32_t i = 0;
+       gpu.gpu->process_utilization != nullptr && i < gpu.gpu->num_process_utilization; ++i) {
+    const zev::gpuProcessUtilization& p = gpu.gpu->process_utilization[i];
+    processes.push_back({{"pid", p.pid},
+                         {"name", text_or_null(p.process_name)},
+                         {"sm_percent", p.sm_util},
+                         {"memory_percent", p.mem_util}});
+  }
+  out["processes"] = processes;
   return out;
 }
 

@@ -21,7 +21,7 @@ struct TraceLine {
 // A field's value as JSON: null when unknown, whole numbers as integers.
 nlohmann::ordered_json field_json(const FieldValue& value);
 
-// One GPU: every field with a JSON key, then its fans.
+// One GPU: every field with a JSON key, then its fans and processes.
 nlohmann::ordered_json gpu_json(const GpuView& gpu);
 
 // The document at `timestamp` with the given GPUs and the trace lines since

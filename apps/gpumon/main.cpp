@@ -97,6 +97,7 @@ struct Report {
 
 void show(Report* report, long refresh) {
   const Options& options = *report->options;
+  if (options.json || shows_pcie_throughput(report->query)) read_pcie_throughput(report->monitor);
   const std::string now = utc_timestamp();
   const std::vector<GpuView> gpus =
       gpu_views(report->monitor, report->slots, report->addresses, now);

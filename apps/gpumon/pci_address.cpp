@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <vector>
@@ -88,6 +90,16 @@ bool parse_pci_address(const std::string& text, PciAddress* address) {
 }
 
 std::string find_pci_address(const zev::GPU& gpu) {
+  // NVML tells the address itself ("0000:18:00.0", or with an 8-digit
+  // domain); it is written as Linux names the device.
+  PciAddress given;
+  if (parse_pci_address(std::string(gpu.pci_bus_id, strnlen(gpu.pci_bus_id, sizeof gpu.pci_bus_id)),
+                        &given)) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%04lx:%02lx:%02lx.%lx", given.domain, given.bus, given.device,
+                  given.function);
+    return text;
+  }
   const std::vector<Device> devices = display_devices();
   if (gpu.drm_card_index >= 0) {
     for (const Device& d : devices)

@@ -19,7 +19,8 @@ struct PciAddress {
 bool parse_pci_address(const std::string& text, PciAddress* address);
 
 // The address of a GPU record as Linux names the device ("0000:03:00.0"):
-// the device of the record's DRM card, or else the one display device on
+// the one NVML gave the record, the device of the record's DRM card, or else
+// the one display device on
 // the record's bus (any bus when the record has none) with its vendor and
 // device ids, among the DRM cards and /sys/bus/pci/devices. "" when /sys
 // does not tell.

@@ -143,8 +143,8 @@ bool GpuMonitorVorn::linux_drm_init_gpus() {
     unsigned long vendor = 0;
     if (linux_drm_read_vendor_id(c, &vendor) && vendor == kVendorNvidia) {
       ++num_nvidia_seen;
-      // Already monitored through nvidia-smi.
-      if (num_nv_smi_detected != 0) continue;
+      // Already monitored through nvidia-smi or NVML.
+      if (num_nv_smi_detected != 0 || num_nvml_detected != 0) continue;
     }
 
     ++num_created;

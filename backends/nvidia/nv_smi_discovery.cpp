@@ -1,5 +1,5 @@
 // nvidia-smi discovery, the fallback when NVML cannot be used: every value is
-// one nvidia-smi process (14 per GPU, plus the count). Records found here
+// one nvidia-smi process (16 per GPU, plus the count). Records found here
 // keep being read through the nvidia-smi readers by the sensor dispatch.
 #include <cstring>
 
@@ -98,6 +98,11 @@ void read_sensors(GpuMonitorVorn* monitor, zev::GPU* gpu, unsigned long i) {
     gpu->memory_clock.current = static_cast<float>(value);
     monitor->tracef("  - mem clock: %d MHz", value);
   }
+  // The fan and the video memory in use, which the first design read from
+  // the first refresh on only: the record after discovery holds them as it
+  // holds the other sensors. Nothing is traced for them.
+  monitor->gpu_read_fan_speed(gpu->index);
+  monitor->gpu_read_vram_used(gpu->index);
 }
 
 }  // namespace
@@ -109,7 +114,7 @@ bool GpuMonitorVorn::linux_nv_smi_init_gpus() {
   num_nv_smi_detected = count;
 
   // A count past the list's capacity (or a garbled one) stops once the list
-  // is full: later records would be in no list, and every one costs 14
+  // is full: later records would be in no list, and every one costs 16
   // processes.
   for (unsigned long i = 0; i < count && num_gpus < kMaxGpus; ++i) {
     zev::GPU* gpu = create_gpu();

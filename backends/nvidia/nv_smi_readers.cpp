@@ -2,10 +2,15 @@
 // answering one line of CSV. The command lines are fixed; only the GPU index
 // (a number) is put into them.
 //
-// Numeric answers are converted with atoi and not checked further: a
-// bracketed "[N/A]" or "[Not Supported]" reads as 0 and still counts as a
-// reading. Only the memory temperature rejects an answer beginning with N
-// (the "N/A" that boards without a memory sensor print).
+// Numeric answers are converted with atoi (a fraction is dropped, units
+// printed where none were asked are ignored). An answer that stands for "no
+// value" is no reading: the reader fails and the record keeps what it had.
+// nvidia-smi prints such answers in brackets ("[N/A]", "[Not Supported]",
+// "[Unknown Error]", "[Insufficient Permissions]", ...) or as a bare "N/A",
+// and the first design read them as 0 through atoi: 0 % usage on a GPU in
+// MIG mode, a fan at 0 on a board without one. The memory temperature's own
+// rule (an answer beginning with N is none) stays as it was.
+#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -32,13 +37,29 @@ void format_query(char (&command)[128], unsigned long index, const char* field,
 constexpr const char* kCsv = "csv,noheader";
 constexpr const char* kCsvNoUnits = "csv,noheader,nounits";
 
+// Whether an answer line (newline and all) stands for "no value": empty, a
+// bare "N/A", or anything in brackets.
+bool no_value(const char* line) {
+  while (*line == ' ' || *line == '\t') ++line;
+  return *line == '\0' || *line == '\n' || *line == '\r' || *line == '[' ||
+         std::strncmp(line, "N/A", 3) == 0;
+}
+
+// A number answer: optional blanks, an optional sign, then a digit. Anything
+// else (an error message, a word) is no reading rather than atoi's 0.
+bool is_number(const char* line) {
+  while (*line == ' ' || *line == '\t') ++line;
+  if (*line == '-' || *line == '+') ++line;
+  return std::isdigit(static_cast<unsigned char>(*line)) != 0;
+}
+
 // A text answer without its trailing newline; an empty answer is no answer.
 bool read_text(unsigned long index, const char* field, char* out) {
   if (out == nullptr) return false;
   char command[128];
   format_query(command, index, field, kCsv);
   char line[128];
-  if (run_query(command, line) != PipeAnswer::kLine) return false;
+  if (run_query(command, line) != PipeAnswer::kLine || no_value(line)) return false;
   const size_t length = std::strlen(line);
   if (length > 0 && line[length - 1] == '\n') line[length - 1] = '\0';
   if (line[0] == '\0') return false;
@@ -52,7 +73,7 @@ bool read_number(unsigned long index, const char* field, int* out) {
   char command[128];
   format_query(command, index, field, kCsvNoUnits);
   char line[128];
-  if (run_query(command, line) != PipeAnswer::kLine) return false;
+  if (run_query(command, line) != PipeAnswer::kLine || !is_number(line)) return false;
   *out = std::atoi(line);
   return true;
 }
@@ -65,7 +86,9 @@ bool read_id_pair(GpuMonitorVorn* monitor, unsigned long index, const char* fiel
   char command[128];
   format_query(command, index, field, kCsv);
   char line[128];
-  if (run_query(command, line) != PipeAnswer::kLine || std::strlen(line) <= 9) return false;
+  if (run_query(command, line) != PipeAnswer::kLine || no_value(line) || std::strlen(line) <= 9) {
+    return false;
+  }
   if (vendor != nullptr) *vendor = monitor->str_to_hex(line[6], line[7], line[8], line[9]);
   if (device != nullptr) *device = monitor->str_to_hex(line[2], line[3], line[4], line[5]);
   return true;
@@ -117,13 +140,16 @@ bool GpuMonitorVorn::linux_nv_smi_read_gpu_pci_bus_id(unsigned long index, unsig
   char command[128];
   format_query(command, index, "pci.bus", kCsv);
   char line[128];
-  if (run_query(command, line) != PipeAnswer::kLine || std::strlen(line) <= 3) return false;
+  if (run_query(command, line) != PipeAnswer::kLine || no_value(line) || std::strlen(line) <= 3) {
+    return false;
+  }
   *bus = str_to_hex2(line[2], line[3]);
   return true;
 }
 
-bool GpuMonitorVorn::linux_nv_smi_read_gpu_fan_speed(unsigned long index, int* speed) {
-  return read_number(index, "fan.speed", speed);
+// A percentage of the fan's maximum speed, not turns a minute.
+bool GpuMonitorVorn::linux_nv_smi_read_gpu_fan_speed(unsigned long index, int* percent) {
+  return read_number(index, "fan.speed", percent);
 }
 
 bool GpuMonitorVorn::linux_nv_smi_read_gpu_vram_size(unsigned long index, int* mb) {
@@ -151,7 +177,9 @@ bool GpuMonitorVorn::linux_nv_smi_read_vram_temperature(unsigned long index, int
   char command[128];
   format_query(command, index, "temperature.memory", kCsvNoUnits);
   char line[128];
-  if (run_query(command, line) != PipeAnswer::kLine || line[0] == 'N') return false;
+  if (run_query(command, line) != PipeAnswer::kLine || line[0] == 'N' || !is_number(line)) {
+    return false;
+  }
   *celsius = std::atoi(line);
   return true;
 }

@@ -75,6 +75,8 @@ const Slot* slots() {
       {"nvmlDeviceGetNumGpuCores", slot_of(&g_nvml.nvmlDeviceGetNumGpuCores)},
       {"nvmlDeviceGetMemoryBusWidth", slot_of(&g_nvml.nvmlDeviceGetMemoryBusWidth)},
       {"nvmlDeviceGetArchitecture", slot_of(&g_nvml.nvmlDeviceGetArchitecture)},
+      {"nvmlDeviceGetFanSpeedRPM", slot_of(&g_nvml.nvmlDeviceGetFanSpeedRPM)},
+      {"nvmlDeviceGetVbiosVersion", slot_of(&g_nvml.nvmlDeviceGetVbiosVersion)},
   };
   return table;
 }
@@ -91,4 +93,18 @@ void nvml_resolve_entry_points(void* library) {
     void* symbol = dlsym(library, table[i].symbol);
     std::memcpy(table[i].target, &symbol, sizeof symbol);
   }
+}
+
+bool nvml_read_fan_rpm(nvml::Device device, unsigned int fan, float* rpm) {
+  const nvml::DeviceGetFanSpeedRpmFn get_rpm = g_nvml.nvmlDeviceGetFanSpeedRPM != nullptr
+                                                   ? g_nvml.nvmlDeviceGetFanSpeedRPM
+                                                   : g_nvml.nvmlDeviceGetFanSpeedRPM_v2;
+  if (get_rpm == nullptr) return false;
+  nvml::FanSpeedInfo info;
+  info.version = nvml::kFanSpeedInfoVersion;
+  info.fan = fan;
+  info.speed = 0;
+  if (get_rpm(device, &info) != nvml::kSuccess) return false;
+  *rpm = static_cast<float>(info.speed);
+  return true;
 }

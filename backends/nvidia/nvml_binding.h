@@ -51,6 +51,11 @@ struct NvmlEntryPoints {
   nvml::DeviceGetUIntFn nvmlDeviceGetNumGpuCores;
   nvml::DeviceGetUIntFn nvmlDeviceGetMemoryBusWidth;
   nvml::DeviceGetArchitectureFn nvmlDeviceGetArchitecture;
+  // Looked up after the entries above, which keep their order: the fan RPM
+  // entry point real libraries export (driver 570 and later; none exports
+  // the _v2 name above) and the VBIOS version.
+  nvml::DeviceGetFanSpeedRpmFn nvmlDeviceGetFanSpeedRPM;
+  nvml::DeviceGetTextFn nvmlDeviceGetVbiosVersion;
 };
 
 // The table (process-wide; see above).
@@ -58,11 +63,17 @@ extern NvmlEntryPoints g_nvml;
 
 // Number of table entries and the symbol each is resolved from, in the
 // order in which they are looked up.
-constexpr unsigned long kNvmlEntryPointCount = 43;
+constexpr unsigned long kNvmlEntryPointCount = 45;
 const char* nvml_entry_point_name(unsigned long slot);
 
 // Resolves every entry of the table from `library`, in table order.
 void nvml_resolve_entry_points(void* library);
+
+// Reads the RPM of fan `fan` through the RPM entry point real libraries
+// export (driver 570 and later), else the _v2 name the first design looked
+// up, which no real library exports. False, *rpm untouched, when the library
+// has neither or the read fails.
+bool nvml_read_fan_rpm(nvml::Device device, unsigned int fan, float* rpm);
 
 // Calls an entry point that is used without a presence test. NVML libraries
 // that export nvmlInit and nvmlShutdown export these too; should one be

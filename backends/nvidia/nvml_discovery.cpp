@@ -127,15 +127,9 @@ void read_fans(zev::GPU* gpu, nvml::Device device) {
       if (f == 0) gpu->nvml_raw[kRawFanPercent] = static_cast<int32_t>(percent);
       gpu->fans[f].speed_percent = static_cast<float>(percent);
 
-      if (api.nvmlDeviceGetFanSpeedRPM_v2 != nullptr) {
-        nvml::FanSpeedInfo info;
-        info.version = nvml::kFanSpeedInfoVersion;
-        info.fan = f;
-        info.speed = 0;
-        if (api.nvmlDeviceGetFanSpeedRPM_v2(device, &info) == nvml::kSuccess) {
-          gpu->fans[f].rpm = static_cast<float>(info.speed);
-        }
-      }
+      // Through the RPM entry point of real libraries (driver 570 and later)
+      // too, not only the _v2 name, which no real library exports.
+      nvml_read_fan_rpm(device, f, &gpu->fans[f].rpm);
     }
     gpu->sensor_available[kSensorFan] = 1;
     return;
@@ -216,8 +210,38 @@ void read_load_and_power(zev::GPU* gpu, nvml::Device device) {
   }
 }
 
+// What NVML tells of the board beyond the first design's reads: the
+// sub-system ids (so that the board is named as on the nvidia-smi path), the
+// PCI address, the driver and VBIOS versions and the video memory. The first
+// design read the driver version and dropped it, resolved the memory query
+// without calling it and left the rest unasked; each value here fills a
+// field that path left empty, and a failing read leaves it empty.
+void read_board(zev::GPU* gpu, nvml::Device device, const nvml::PciInfo& pci,
+                const char* driver_version) {
+  gpu->subvendor_id = pci.pciSubSystemId & 0xFFFFu;
+  gpu->subdevice_id = pci.pciSubSystemId >> 16;
+  char bus_id[sizeof pci.busId + 1];
+  std::memcpy(bus_id, pci.busId, sizeof pci.busId);
+  bus_id[sizeof pci.busId] = '\0';  // the library's text, whole or not
+  copy_text(gpu->pci_bus_id, sizeof gpu->pci_bus_id, bus_id);
+  copy_text(gpu->driver_version, sizeof gpu->driver_version, driver_version);
+
+  char vbios[128];
+  std::memset(vbios, 0, sizeof vbios);
+  if (nvml_call(g_nvml.nvmlDeviceGetVbiosVersion, device, vbios, 127u) == nvml::kSuccess) {
+    copy_text(gpu->vbios_version, sizeof gpu->vbios_version, vbios);
+  }
+
+  nvml::Memory memory;
+  std::memset(&memory, 0, sizeof memory);
+  if (nvml_call(g_nvml.nvmlDeviceGetMemoryInfo, device, &memory) == nvml::kSuccess) {
+    gpu->vram_size_mb = static_cast<int64_t>(memory.total >> 20);
+    gpu->vram_used_mb = static_cast<int64_t>(memory.used >> 20);
+  }
+}
+
 // Creates and fills the record of NVML device `index`.
-void add_device(GpuMonitorVorn* monitor, unsigned int index) {
+void add_device(GpuMonitorVorn* monitor, unsigned int index, const char* driver_version) {
   const NvmlEntryPoints& api = g_nvml;
 
   nvml::Device device = nullptr;
@@ -242,12 +266,18 @@ void add_device(GpuMonitorVorn* monitor, unsigned int index) {
   gpu->vendor_id = vendor;
   gpu->device_id = device_id;
   gpu->bus_id = static_cast<int32_t>(pci.bus);
+  read_board(gpu, device, pci, driver_version);
 
   read_description(gpu, device);
   read_temperatures(gpu, device);
   read_fans(gpu, device);
   read_clocks(gpu, device);
   read_load_and_power(gpu, device);
+  // The processes using the GPU, as every refresh reads them.
+  const unsigned long listed = monitor->nvml_get_num_gpus();
+  if (listed != 0 && monitor->nvml_get_gpu(listed - 1) == gpu) {
+    monitor->nvml_update_process_utilization(listed - 1);
+  }
 
   if (gpu->sensor_available[kSensorTemperature] || gpu->sensor_available[kSensorUsage]) {
     gpu->monitorable = true;
@@ -276,13 +306,14 @@ bool GpuMonitorVorn::nvml_initialize() {
   const nvml::Return started = api.nvmlInit_v2 != nullptr ? api.nvmlInit_v2() : api.nvmlInit();
   if (started != nvml::kSuccess) return false;  // neither shut down nor unloaded
 
-  // Both versions are read and dropped: this back-end does not fill
-  // driver_version.
+  // The NVML version is read and dropped; the driver version goes into each
+  // GPU's record (the first design dropped it too).
   char text[128];
   std::memset(text, 0, sizeof text);
   nvml_call(api.nvmlSystemGetNVMLVersion, text, 127u);
-  std::memset(text, 0, sizeof text);
-  nvml_call(api.nvmlSystemGetDriverVersion, text, 127u);
+  char driver_version[128];
+  std::memset(driver_version, 0, sizeof driver_version);
+  nvml_call(api.nvmlSystemGetDriverVersion, driver_version, 127u);
 
   unsigned int count = 0;
   if (api.nvmlDeviceGetCount_v2 != nullptr) {
@@ -295,7 +326,7 @@ bool GpuMonitorVorn::nvml_initialize() {
     return false;
   }
 
-  for (unsigned int i = 0; i < count; ++i) add_device(this, i);
+  for (unsigned int i = 0; i < count; ++i) add_device(this, i, driver_version);
   return true;
 }
 

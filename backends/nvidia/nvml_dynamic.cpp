@@ -1,17 +1,23 @@
 // Refresh of the NVML GPUs: the periodic refresh that update_dynamic_data()
-// runs first, and three on-demand refreshes of one GPU (power, per-process
-// utilization, PCIe throughput). All of them need the library that
+// runs first, and two on-demand refreshes of one GPU (power, PCIe
+// throughput; per-process utilisation, which the periodic refresh reads too,
+// is in nvml_processes.cpp). All of them need the library that
 // nvml_initialize() loaded; without it they do nothing and report false.
 //
 // A failed read leaves its float as it was and puts -1 into the matching raw
 // field, so that a reader can tell a stale value from a fresh failure.
 #include <cstring>
-#include <new>
 
 #include "backends/nvidia/nvml_binding.h"
 #include "plugin/gpu_monitor_vorn.h"
 
 namespace {
+
+// A PCIe counter that could not be read.
+constexpr uint32_t kPcieUnknown = 0xFFFFFFFFu;
+
+// Fans refreshed at most per GPU.
+constexpr uint64_t kMaxRefreshedFans = 32;
 
 // nvml_raw slots.
 constexpr int kRawFanPercent = 0;
@@ -63,6 +69,28 @@ float read_enforced_limit(nvml::Device device) {
   return static_cast<float>(milliwatts);
 }
 
+// Every fan of a multi-fan board moves, where the first design refreshed
+// only the first fan's percentage and never an RPM: the fans after the
+// first through the per-fan entry point, and each fan's RPM where the
+// library has an RPM entry point. A fan whose read fails keeps its values.
+// A board claiming more fans than any has gets its first kMaxRefreshedFans
+// refreshed.
+void refresh_other_fans(zev::GPU* gpu, nvml::Device device) {
+  if (gpu->fans == nullptr) return;
+  const NvmlEntryPoints& api = g_nvml;
+  const uint64_t count = gpu->num_fans < kMaxRefreshedFans ? gpu->num_fans : kMaxRefreshedFans;
+  if (api.nvmlDeviceGetFanSpeed_v2 != nullptr) {
+    for (unsigned int f = 1; f < count; ++f) {
+      unsigned int percent = 0;
+      if (api.nvmlDeviceGetFanSpeed_v2(device, f, &percent) == nvml::kSuccess) {
+        gpu->fans[f].speed_percent = static_cast<float>(percent);
+      }
+    }
+  }
+  if (api.nvmlDeviceGetFanSpeedRPM == nullptr && api.nvmlDeviceGetFanSpeedRPM_v2 == nullptr) return;
+  for (unsigned int f = 0; f < count; ++f) nvml_read_fan_rpm(device, f, &gpu->fans[f].rpm);
+}
+
 void refresh(zev::GPU* gpu) {
   const NvmlEntryPoints& api = g_nvml;
   nvml::Device device = static_cast<nvml::Device>(gpu->nvml_device);
@@ -77,8 +105,8 @@ void refresh(zev::GPU* gpu) {
     gpu->nvml_raw[kRawTemperature] = -1;
   }
 
-  // The single-fan entry point, also on boards discovery set up with several
-  // fans: only the first fan's percentage moves; RPMs stay as discovered.
+  // The first fan through the single-fan entry point, also on boards
+  // discovery set up with several fans; the others follow below.
   unsigned int percent = 0;
   if (nvml_call(api.nvmlDeviceGetFanSpeed, device, &percent) == nvml::kSuccess) {
     gpu->nvml_raw[kRawFanPercent] = static_cast<int32_t>(percent);
@@ -86,6 +114,7 @@ void refresh(zev::GPU* gpu) {
   } else {
     gpu->nvml_raw[kRawFanPercent] = -1;
   }
+  refresh_other_fans(gpu, device);
 
   // One clock variable for the two maximum and the two current clocks.
   unsigned int mhz = 0xFFFFFFFFu;
@@ -134,6 +163,13 @@ void refresh(zev::GPU* gpu) {
     gpu->nvml_memory_utilization = -1;
   }
 
+  // Video memory in use; it keeps its last value when it cannot be read.
+  nvml::Memory memory;
+  std::memset(&memory, 0, sizeof memory);
+  if (nvml_call(api.nvmlDeviceGetMemoryInfo, device, &memory) == nvml::kSuccess) {
+    gpu->vram_used_mb = static_cast<int64_t>(memory.used >> 20);
+  }
+
   // A mask that cannot be read counts as no reason at all.
   unsigned long long reasons = 0;
   if (nvml_call(api.nvmlDeviceGetCurrentClocksThrottleReasons, device, &reasons) !=
@@ -153,7 +189,9 @@ bool GpuMonitorVorn::nvml_update_dynamic_data() {
   if (count == 0) return false;
   for (unsigned long i = 0; i < count; ++i) {
     zev::GPU* gpu = nvml_get_gpu(i);
-    if (gpu != nullptr) refresh(gpu);
+    if (gpu == nullptr) continue;
+    refresh(gpu);
+    nvml_update_process_utilization(i);
   }
   return true;
 }
@@ -182,52 +220,6 @@ bool GpuMonitorVorn::nvml_update_power_usage(unsigned long index) {
   return true;
 }
 
-bool GpuMonitorVorn::nvml_update_process_utilization(unsigned long index) {
-  if (nvml_lib_handle == nullptr) return false;
-  zev::GPU* gpu = nvml_get_gpu(index);
-  const nvml::DeviceGetProcessUtilizationFn get_samples = g_nvml.nvmlDeviceGetProcessUtilization;
-  if (gpu == nullptr || get_samples == nullptr) return false;
-  nvml::Device device = static_cast<nvml::Device>(gpu->nvml_device);
-
-  // The sizing call. NVML answers a query without a buffer with
-  // INSUFFICIENT_SIZE whenever samples exist, so the table is refreshed only
-  // when the library reports success here.
-  unsigned int count = 0;
-  if (get_samples(device, nullptr, &count, 0) != nvml::kSuccess) return false;
-  if (count == 0) return true;
-
-  const unsigned int capacity = count;
-  nvml::ProcessUtilizationSample* samples =
-      new (std::nothrow) nvml::ProcessUtilizationSample[capacity]();
-  if (samples == nullptr) return false;
-  get_samples(device, samples, &count, 0);
-  // The library reports how many samples it wrote; never more than the
-  // buffer holds.
-  if (count > capacity) count = capacity;
-
-  zev::gpuProcessUtilization* records = new (std::nothrow) zev::gpuProcessUtilization[count];
-  if (records == nullptr) {
-    delete[] samples;
-    return false;
-  }
-  delete[] gpu->process_utilization;
-  gpu->process_utilization = records;
-  gpu->num_process_utilization = count;
-
-  for (unsigned int k = 0; k < count; ++k) {
-    zev::gpuProcessUtilization& record = records[k];
-    record.pid = samples[k].pid;
-    if (g_nvml.nvmlSystemGetProcessName != nullptr) {
-      g_nvml.nvmlSystemGetProcessName(record.pid, record.process_name, 1023u);
-    }
-    record.timestamp = samples[k].timeStamp;
-    record.sm_util = samples[k].smUtil;
-    record.mem_util = samples[k].memUtil;
-  }
-  delete[] samples;
-  return true;
-}
-
 bool GpuMonitorVorn::nvml_get_pcie_throughput(unsigned long index) {
   if (nvml_lib_handle == nullptr) return false;
   zev::GPU* gpu = nvml_get_gpu(index);
@@ -235,12 +227,17 @@ bool GpuMonitorVorn::nvml_get_pcie_throughput(unsigned long index) {
   if (gpu == nullptr || get_throughput == nullptr) return false;
   nvml::Device device = static_cast<nvml::Device>(gpu->nvml_device);
 
+  // A counter that cannot be read (not supported, as in many virtual
+  // machines) becomes 0xFFFFFFFF, "unknown". The first design left the field
+  // as it was, so such a GPU showed 0 KB/s, a value it never had.
   unsigned int kilobytes_per_second = 0;
-  if (get_throughput(device, nvml::kPcieTxBytes, &kilobytes_per_second) == nvml::kSuccess) {
-    gpu->pcie_tx_throughput = kilobytes_per_second;
-  }
-  if (get_throughput(device, nvml::kPcieRxBytes, &kilobytes_per_second) == nvml::kSuccess) {
-    gpu->pcie_rx_throughput = kilobytes_per_second;
-  }
+  gpu->pcie_tx_throughput =
+      get_throughput(device, nvml::kPcieTxBytes, &kilobytes_per_second) == nvml::kSuccess
+          ? kilobytes_per_second
+          : kPcieUnknown;
+  gpu->pcie_rx_throughput =
+      get_throughput(device, nvml::kPcieRxBytes, &kilobytes_per_second) == nvml::kSuccess
+          ? kilobytes_per_second
+          : kPcieUnknown;
   return true;
 }

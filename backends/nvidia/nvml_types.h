@@ -136,6 +136,7 @@ using DeviceGetNameFn = Return (*)(Device device, char* name, unsigned int lengt
 using DeviceGetPciInfoFn = Return (*)(Device device, PciInfo* pci);
 using DeviceGetBrandFn = Return (*)(Device device, BrandType* type);
 using DeviceGetSerialFn = Return (*)(Device device, char* serial, unsigned int length);
+using DeviceGetTextFn = Return (*)(Device device, char* text, unsigned int length);
 using DeviceGetMemoryInfoFn = Return (*)(Device device, Memory* memory);
 using DeviceGetCudaComputeCapabilityFn = Return (*)(Device device, int* major, int* minor);
 using DeviceGetRunningProcessesFn = Return (*)(Device device, unsigned int* count,

@@ -25,8 +25,8 @@ const char kGpuLayout[] =
     "driver_name:c128 _:c64 _:c64 driver_version_short:c64 _:c128 _:c128 _:q2 temperatures:T9 "
     "sensor_available:c5 core_usage:i3 memory_usage:i3 _:i6 power:P total_energy:i _:i3 boost:B "
     "_:i _:i fans:q num_fans:q core_clock:K memory_clock:K _:K color:V _:q nvml_device:q _:c1 "
-    "_:i2 _:c64 _:c32 _:c1 rop_check_code:i _:c32 _:i _:c32 _:i _:c32 _:i6 num_multiprocessors:i "
-    "_:i nvml_num_cores:i _:i cuda_compute_capability:i2 temperature_thresholds:i3 "
+    "_:i2 pci_bus_id:c64 _:c32 _:c1 rop_check_code:i _:c32 _:i _:c32 _:i _:c32 _:i6 "
+    "num_multiprocessors:i _:i nvml_num_cores:i _:i cuda_compute_capability:i2 temperature_thresholds:i3 "
     "pcie_rx_throughput:i pcie_tx_throughput:i throttle_reasons:q throttle_reason_text:c128 "
     "nvml_gpu_utilization:i nvml_memory_utilization:i process_utilization:q "
     "num_process_utilization:i nvml_raw:i5 _:c5 _:i _:i _:i5 _:i9 _:i7 _:q _:c32 _:c128 "
@@ -61,7 +61,7 @@ Type type_of(char code) {
   X(num_texture_units) X(num_rops) X(db_num_rops) X(tdp_w) X(vram_size_mb) X(vram_used_mb) X(memory_bus_width)  \
   X(driver_version) X(driver_name) X(driver_version_short) X(temperatures) X(sensor_available)  \
   X(core_usage) X(memory_usage) X(power) X(total_energy) X(boost) X(fans) X(num_fans)           \
-  X(core_clock) X(memory_clock) X(color) X(nvml_device) X(rop_check_code)                       \
+  X(core_clock) X(memory_clock) X(color) X(nvml_device) X(pci_bus_id) X(rop_check_code)        \
   X(num_multiprocessors) X(nvml_num_cores) X(cuda_compute_capability)                           \
   X(temperature_thresholds) X(pcie_rx_throughput) X(pcie_tx_throughput) X(throttle_reasons)     \
   X(throttle_reason_text) X(nvml_gpu_utilization) X(nvml_memory_utilization)                    \

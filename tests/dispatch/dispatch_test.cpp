@@ -44,28 +44,33 @@ struct Route {
   int nv_smi, card, hwmon, temp_input, power_input;
   uint64_t vendor;
   std::string reads;  // what clocks, usages, temperatures, power, fans return: 1 or 0
-  float core_mhz, mem_mhz, usage, core_c, mem_c, watts, fan_rpm;
+  float core_mhz, mem_mhz, usage, core_c, mem_c, watts, fan_rpm, fan_percent;
 };
 
 const float N = kUnset;  // not read
 
 // clang-format off
 const std::vector<Route> kRoutes = {
-    {kRx7900xtx, -1, 1, 3, 1, 1, 0x1002, "11111", 1850, 1249, 7, 52, N, 86, 1102},
-    {kRx7900xtx, -1, 1, 3, 2, 1, 0x1002, "11111", 1850, 1249, 7, 61, N, 86, 1102},
+    {kRx7900xtx, -1, 1, 3, 1, 1, 0x1002, "11111", 1850, 1249, 7, 52, N, 86, 1102, N},
+    {kRx7900xtx, -1, 1, 3, 2, 1, 0x1002, "11111", 1850, 1249, 7, 61, N, 86, 1102, N},
     // GPU busy percent belongs to the card: it needs no hwmon. A hwmon index
     // past the probe's limit (8) reads nothing, but the fan loop still runs.
-    {kRx7900xtx, -1, 1, -1, 1, 1, 0x1002, "01000", N, N, 7, N, N, N, N},
-    {kRx7900xtx, -1, 1, 8, 1, 1, 0x1002, "01001", N, N, 7, N, N, N, N},
-    {kRx7900xtx, -1, 1, 3, -1, -1, 0x1002, "11001", 1850, 1249, 7, N, N, N, 1102},
-    {kRx7900xtx, -1, -1, 3, 1, 1, 0x1002, "00000", N, N, N, N, N, N, N},
+    {kRx7900xtx, -1, 1, -1, 1, 1, 0x1002, "01000", N, N, 7, N, N, N, N, N},
+    {kRx7900xtx, -1, 1, 8, 1, 1, 0x1002, "01001", N, N, 7, N, N, N, N, N},
+    {kRx7900xtx, -1, 1, 3, -1, -1, 0x1002, "11001", 1850, 1249, 7, N, N, N, 1102, N},
+    {kRx7900xtx, -1, -1, 3, 1, 1, 0x1002, "00000", N, N, N, N, N, N, N, N},
     // nvidia-smi and Raspberry Pi records on a machine without either.
-    {kRx7900xtx, 0, -1, -1, -1, -1, 0x10DE, "00000", N, N, N, N, N, N, N},
-    {kRx7900xtx, -1, -1, -1, -1, -1, 0x14E4, "00000", N, N, N, N, N, N, N},
-    // nvidia-smi's GPU 0, with a memory temperature; its one fan record is
-    // made on the first fan reading.
-    {std::string(ZEV_BIN_DIR) + "/../machines/nvidia-h100-sxm", 0, -1, -1, -1, -1, 0x10DE, "11111",
-     345, 2619, 0, 32, 30, 71, 0},
+    {kRx7900xtx, 0, -1, -1, -1, -1, 0x10DE, "00000", N, N, N, N, N, N, N, N},
+    {kRx7900xtx, -1, -1, -1, -1, -1, 0x14E4, "00000", N, N, N, N, N, N, N, N},
+    // nvidia-smi's GPU 0, with a memory temperature. Its fan answers "[N/A]"
+    // (a passively cooled board): no reading, so no fan record.
+    {std::string(ZEV_BIN_DIR) + "/../machines/nvidia-h100-sxm", 0, -1, -1, -1, -1, 0x10DE, "11110",
+     345, 2619, 0, 32, 30, 71, N, N},
+    // A board whose fan nvidia-smi reads: its one fan record is made on the
+    // first reading, which is a percentage (no RPM); "N/A" is no memory
+    // temperature.
+    {std::string(ZEV_BIN_DIR) + "/../machines/nvidia-rtx5090-rtx4080s-smi", 0, -1, -1, -1, -1,
+     0x10DE, "11111", 390, 405, 3, 38, N, 27, N, 30},
 };
 // clang-format on
 
@@ -115,7 +120,7 @@ TEST(Dispatch, EachSensorComesFromTheSourcesTheRecordAllows) {
     EXPECT_EQ(g->power.value, kUnset);  // power keeps no range
     if (g->fans != nullptr) {
       EXPECT_EQ(g->fans[0].rpm, r.fan_rpm);
-      EXPECT_EQ(g->fans[0].speed_percent, kUnset);
+      EXPECT_EQ(g->fans[0].speed_percent, r.fan_percent);
     }
     // Fans by position within the record's count; GPUs past the list.
     float percent = 0.0f, rpm = 0.0f;

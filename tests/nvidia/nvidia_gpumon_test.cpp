@@ -129,11 +129,16 @@ TEST(NvidiaGpumon, NvmlMachinesAsAHostSeesThem) {
        "NVIDIA CUDA library detected.|  - ROP counter (from driver): 24|"
        "num GPUs detected by nvidia nvml: 1|Num GPUs detected: 1|> GPU0|"
        "  - name: NVIDIA H100 80GB HBM3|  - PCI codes: 0x10DE-0x2330|  - Bus ID: 24|"
-       "  - core temperature: 32 degC",
+       "  - VBIOS: 96.00.99.00.01|  - core temperature: 32 degC|  - driver: 550.90.07",
        R"([{"name": "NVIDIA H100 80GB HBM3", "codename": "GH100", "architecture": "Hopper",
             "cuda_compute_capability": "9.0",
-            "pci": {"vendor_id": "0x10DE", "device_id": "0x2330", "bus": "0x18", "address": null},
-            "driver": {"version": null}, "monitorable": true, "memory_bus_width_bits": 5120,
+            "pci": {"vendor_id": "0x10DE", "device_id": "0x2330", "bus": "0x18",
+                    "address": "0000:18:00.0", "subsystem_vendor_id": "0x10DE",
+                    "subsystem_device_id": "0x16C1"},
+            "driver": {"version": "550.90.07"}, "vbios_version": "96.00.99.00.01",
+            "memory_total_mib": 81559, "memory_used_mib": 1,
+            "pcie_throughput_kb_per_s": {"tx": 1843, "rx": 3921},
+            "monitorable": true, "memory_bus_width_bits": 5120,
             "units": {"shaders": 16896, "texture_units": null, "rops": 24},
             "temperature_c": {"core": 32, "memory": null, "shutdown_threshold": 92,
                               "slowdown_threshold": 89, "gpu_max_threshold": 87},
@@ -141,7 +146,7 @@ TEST(NvidiaGpumon, NvmlMachinesAsAHostSeesThem) {
             "utilization_percent": {"core": 0, "memory": 0},
             "power_w": {"tdp": null, "draw": 71.234, "enforced_limit": 700, "default_limit": 700,
                         "min_limit": 200, "max_limit": 700},
-            "energy_j": 4578213.376, "fans": []}])",
+            "energy_j": 4578213.376, "fans": [], "processes": []}])",
        "smi=0"},
       // NVML records are refreshed through NVML alone.
       {"H100, two refreshes", on(kH100), "--watch 0.01 --count 2", "",
@@ -155,13 +160,34 @@ TEST(NvidiaGpumon, NvmlMachinesAsAHostSeesThem) {
                      {"speed_percent": 31, "speed_rpm": null}],
             "power_w": {"draw": 28.03}}])",
        "smi=0"},
-      // NVML reads no sub-system ids: no board name.
+      // The board named from NVML's sub-system ids, as on the nvidia-smi
+      // path; every fan with its RPM (driver 570); the processes. Without
+      // another card no DRM scan runs.
       {"two boards", on("nvidia-rtx5090-rtx4080s-nvml"), "",
        "num GPUs detected by nvidia nvml: 2|!DRM: scanning GPUs...",
-       R"([{"name": "NVIDIA GeForce RTX 5090", "device_name": "NVIDIA GeForce RTX 5090",
-            "fans": [{"speed_percent": 30}, {"speed_percent": 30}]},
+       R"([{"name": "NVIDIA GeForce RTX 5090 Founders Edition",
+            "device_name": "NVIDIA GeForce RTX 5090", "pci": {"address": "0000:01:00.0"},
+            "memory_total_mib": 32607, "memory_used_mib": 1187,
+            "fans": [{"speed_percent": 30, "speed_rpm": 1034},
+                     {"speed_percent": 30, "speed_rpm": 1041}],
+            "processes": [{"pid": 4242, "name": "/usr/bin/blender", "sm_percent": 35,
+                           "memory_percent": 12},
+                          {"pid": 5151, "name": "/usr/lib/xorg/Xorg", "sm_percent": 9,
+                           "memory_percent": 3}]},
            {"name": "NVIDIA GeForce RTX 4080 SUPER", "pci": {"bus": "0x04"},
-            "fans": [{}, {}, {}]}])",
+            "fans": [{}, {}, {}], "processes": []}])",
+       "smi=0"},
+      {"two boards, refreshed", on("nvidia-rtx5090-rtx4080s-nvml"), "--watch 0.01 --count 2", "",
+       R"([{"memory_used_mib": 2431, "processes": [{"pid": 4242}, {"pid": 5151}]}, {}])", "smi=0"},
+      // A laptop: NVML finds the NVIDIA GPU, the DRM scan the AMD one that
+      // drives the screen (skipping the NVIDIA card).
+      {"NVIDIA through NVML and AMD", on("nvidia-amd-780m-rtx4060-nvml"), "",
+       "num GPUs detected by nvidia nvml: 1|!> GPU 0|DRM: scanning GPUs...|> GPU 1|"
+       "  - device ID: 1002-15BF|num GPUs in DRM: 1|Num GPUs detected: 2",
+       R"([{"name": "NVIDIA GeForce RTX 4060 Laptop GPU", "pci": {"address": "0000:01:00.0"},
+            "memory_total_mib": 8188, "memory_used_mib": 9},
+           {"name": "AMD Radeon 780M Graphics", "pci": {"address": "0000:65:00.0"},
+            "utilization_percent": {"core": 7}}])",
        "smi=0"},
       // No devices: NVML is shut down, nvidia-smi counts none, DRM finds none.
       {"no devices", on("nvidia-nvml-no-devices"), "", "scanning NVIDIA GPUs...|DRM: no GPU found.",
@@ -191,27 +217,31 @@ TEST(NvidiaGpumon, NvidiaSmiMachinesAsAHostSeesThem) {
        "> GPU 1|  - ROP counter (from driver): not available (err: -4)|"
        "num GPUs detected by nvidia-smi: 2|DRM: no GPU other than NVIDIA found.|"
        "  - name: NVIDIA GeForce RTX 5090 Founders Edition",
-       // Whole watts; the board name from the sub-system ids.
+       // Whole watts; the board name from the sub-system ids; the fan (a
+       // percentage) and the memory in use are read at discovery too.
        R"([{"name": "NVIDIA GeForce RTX 5090 Founders Edition", "memory_total_mib": 32607,
+            "memory_used_mib": 1187,
             "pci": {"subsystem_vendor_id": "0x10DE", "subsystem_device_id": "0x2057"},
             "units": {"shaders": 21760, "texture_units": 680}, "power_w": {"draw": 27},
-            "temperature_c": {"memory": null}, "fans": []},
+            "temperature_c": {"memory": null},
+            "fans": [{"speed_percent": 30, "speed_rpm": null}]},
            {"pci": {"vendor_id": "0x10DE", "device_id": "0x2702", "bus": "0x04"},
             "units": {"rops": 112}}])",
-       "smi=29 nvml=nvmlInit_v2"},
-      // Eight nvidia-smi processes per GPU and refresh; its one fan in RPM.
+       "smi=33 nvml=nvmlInit_v2"},
+      // Nine nvidia-smi processes per GPU and refresh; its one fan in percent.
       {"refreshed", on(kSmi), "--watch 0.01 --count 2", "",
-       R"([{"fans": [{"speed_percent": null, "speed_rpm": 30}], "power_w": {"draw": 27},
+       R"([{"fans": [{"speed_percent": 30, "speed_rpm": null}], "power_w": {"draw": 27},
             "clock_mhz": {"core": 390}, "utilization_percent": {"core": 3},
-            "temperature_c": {"memory": null}},
-           {"fans": [{"speed_percent": null, "speed_rpm": 0}]}])",
-       "smi=61"},
+            "temperature_c": {"memory": null}, "memory_used_mib": 1187},
+           {"fans": [{"speed_percent": 0, "speed_rpm": null}]}])",
+       "smi=69"},
       // The database has no unit counts for the H100 (-1): they stay unknown.
+      // Its fan answers "[N/A]": no fan, rather than one at 0.
       {"H100 without NVML", on(kH100, "lib/libnvidia-ml.so", "lib/libnvidia-ml.so.1"), "",
        "  - mem temperature: 30 °C|  - ROP counter (from driver): 24|"
        "num GPUs detected by nvidia-smi: 1",
        R"([{"temperature_c": {"memory": 30}, "units": {"shaders": null, "rops": 24},
-            "power_w": {"draw": 71}}])",
+            "power_w": {"draw": 71}, "fans": []}])",
        ""},
       // DRM skips the NVIDIA card nvidia-smi has and adds the AMD one.
       {"NVIDIA and AMD", on("nvidia-amd-780m-rtx4060-smi"), "",
@@ -228,14 +258,32 @@ TEST(NvidiaGpumon, NvidiaSmiMachinesAsAHostSeesThem) {
                  "temperature.gpu <nothing>\ntemperature.memory N/A\npower.draw <crash>\n"
                  "clocks.current.sm <nothing>\nclocks.current.memory <nothing>\n"),
        "",
-       "> GPU 0|  - vbios: \\x01\\x02 weird|  - VRAM size: 0 MB|num GPUs detected by nvidia-smi: 1",
+       "> GPU 0|  - vbios: \\x01\\x02 weird|!  - VRAM size: 0 MB|"
+       "num GPUs detected by nvidia-smi: 1",
        R"([{"name": null, "pci": {"vendor_id": null, "device_id": null, "bus": null},
             "monitorable": false, "utilization_percent": {"core": null},
-            "power_w": {"draw": null}}])",
+            "power_w": {"draw": null}, "memory_total_mib": null}])",
+       ""},
+      // "[N/A]" for every field: a record without values, none of them 0.
+      {"[N/A] everywhere", answering("count 1\ngpu 0\n"), "--watch 0.01 --count 2", "",
+       R"([{"name": null, "pci": {"vendor_id": null, "bus": null}, "monitorable": false,
+            "memory_total_mib": null, "memory_used_mib": null, "fans": [],
+            "utilization_percent": {"core": null, "memory": null},
+            "temperature_c": {"core": null, "memory": null}, "power_w": {"draw": null},
+            "clock_mhz": {"core": null, "memory": null}}])",
+       ""},
+      // Units where none were asked, and empty lines.
+      {"units and empty lines",
+       answering("count 1\ngpu 0\nutilization.gpu 38 %\nutilization.memory\nfan.speed 41 %\n"
+                 "memory.used 1024 MiB\ntemperature.gpu\n"),
+       "", "  - core usage: 38 %",
+       R"([{"utilization_percent": {"core": 38, "memory": null},
+            "fans": [{"speed_percent": 41, "speed_rpm": null}], "memory_used_mib": 1024,
+            "temperature_c": {"core": null}}])",
        ""},
       // A garbled count stops once the list is full.
       {"count -1", answering("count -1\ngpu 0\nname NVIDIA GeForce RTX 4090\n"), "", "",
-       sixteen + "]", "smi=225"},
+       sixteen + "]", "smi=257"},
       // Without nvidia-smi either, DRM keeps the NVIDIA cards.
       {"no nvidia-smi", on(kSmi, "bin/nvidia-smi"), "", "num GPUs in DRM: 2",
        R"([{"pci": {"device_id": "0x2B85"}, "monitorable": false},
@@ -245,13 +293,52 @@ TEST(NvidiaGpumon, NvidiaSmiMachinesAsAHostSeesThem) {
   for (const Case& c : cases) run(c);
 }
 
+// nvidia-smi's answers as real machines gave them (the capture, kept as it
+// is, answered by the fake nvidia-smi): units, "[N/A]" and "N/A" included.
+TEST(NvidiaGpumon, CapturedNvidiaSmiMachines) {
+  const Case cases[] = {
+      {"RTX 2080 SUPER, idle", on("nvidia-rtx2080super-smi-capture"), "",
+       "> GPU 0|  - name: NVIDIA GeForce RTX 2080 SUPER|  - device ID: 10DE-1E81|"
+       "  - subdevice ID: 1458-4005|  - bus ID: 12|  - driver: 595.71.05|"
+       "  - vbios: 90.04.7A.40.73|  - VRAM size: 8192 MB|  - core usage: 0 %|  - mem usage: 9 %|"
+       "  - core temperature: 40 °C|!  - mem temperature: 0 °C|  - power: 39 W|"
+       "  - core clock: 765 MHz|  - mem clock: 810 MHz|num GPUs detected by nvidia-smi: 1",
+       R"([{"name": "NVIDIA GeForce RTX 2080 SUPER", "codename": "TU104",
+            "pci": {"bus": "0x0C", "vendor_id": "0x10DE", "device_id": "0x1E81",
+                    "subsystem_vendor_id": "0x1458", "subsystem_device_id": "0x4005"},
+            "driver": {"version": "595.71.05"}, "vbios_version": "90.04.7A.40.73",
+            "memory_total_mib": 8192, "memory_used_mib": 214, "monitorable": true,
+            "temperature_c": {"core": 40, "memory": null},
+            "utilization_percent": {"core": 0, "memory": 9}, "power_w": {"draw": 39},
+            "clock_mhz": {"core": 765, "memory": 810},
+            "fans": [{"speed_percent": 38, "speed_rpm": null}]}])",
+       "smi=17"},
+      // A passively cooled H100 under load: its fan is "[N/A]", no fan at all.
+      {"H100, under load", on("nvidia-h100-smi-capture"), "--watch 0.01 --count 1", "",
+       R"([{"name": "NVIDIA H100 80GB HBM3", "pci": {"bus": "0x00", "device_id": "0x2330"},
+            "driver": {"version": "590.48.01"}, "vbios_version": "96.00.A5.00.01",
+            "memory_total_mib": 81559, "memory_used_mib": 19818,
+            "temperature_c": {"core": 59, "memory": 54},
+            "utilization_percent": {"core": 100, "memory": 11}, "power_w": {"draw": 631},
+            "clock_mhz": {"core": 1980, "memory": 2619}, "fans": []}])",
+       "smi=26"},
+  };
+  for (const Case& c : cases) run(c);
+
+  const Machine machine("nvidia-rtx2080super-smi-capture");
+  const machine::RunResult r = testing_support::run_gpumon(
+      {"--machine", machine.dir(), "--query", "fan.speed,fan.rpm,memory.used"});
+  ASSERT_EQ(r.exit_code, 0) << r.err;
+  EXPECT_EQ(r.out, "fan.speed [%], fan.rpm [RPM], memory.used [MiB]\n38 %, [N/A], 214 MiB\n");
+}
+
 TEST(NvidiaGpumon, TheTableShowsTheH100) {
   const Machine machine(kH100);
   testing_support::allow_preloading();
   const machine::RunResult r = testing_support::run_gpumon({"--machine", machine.dir()});
   ASSERT_EQ(r.exit_code, 0) << r.err;
   EXPECT_NE(r.out.find("NVIDIA H100 80GB HBM3  GH100  -       16896/-/24         -      10DE:2330  "
-                       "24   32 (32-32)  -      0       0      -         345       2619     71       -"),
+                       "24   32 (32-32)  -      0       0      1/81559   345       2619     71       -"),
             std::string::npos)
       << r.out;
 }

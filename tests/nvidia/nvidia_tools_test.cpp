@@ -112,18 +112,32 @@ TEST_F(NvidiaTools, NvidiaSmiAnswersAreReadAsTheyCome) {
       {"driver_version", "driver_version", "fails(kept)"},
       {"vbios_version " + std::string(200, 'x'), "vbios_version", std::string(127, 'x')},
       {"name <crash>", "name", "fails(kept)"},
-      // Numbers: atoi, so "[N/A]" reads as 0; only the
-      // memory temperature refuses an answer beginning with N.
+      // Numbers: atoi, with a unit printed where none was asked. An answer
+      // that is no value (bracketed, "N/A", empty, a message) is no reading,
+      // never 0.
       {"memory.used 1024", "memory.used", "1024"},
-      {"fan.speed [N/A]", "fan.speed", "0"},
-      {"clocks.current.sm N/A", "clocks.current.sm", "0"},
-      {"", "clocks.current.memory", "0"},  // not in the data: "[N/A]"
+      {"fan.speed 38", "fan.speed", "38"},
+      {"utilization.gpu 38 %", "utilization.gpu", "38"},
+      {"fan.speed [N/A]", "fan.speed", "fails(-5)"},
+      {"utilization.gpu [Not Supported]", "utilization.gpu", "fails(-5)"},
+      {"power.draw [Unknown Error]", "power.draw", "fails(-5)"},
+      {"clocks.current.sm [Insufficient Permissions]", "clocks.current.sm", "fails(-5)"},
+      {"clocks.current.sm N/A", "clocks.current.sm", "fails(-5)"},
+      {"", "clocks.current.memory", "fails(-5)"},   // not in the data: "[N/A]"
+      {"memory.used", "memory.used", "fails(-5)"},  // an empty line
+      {"memory.used GPU is lost", "memory.used", "fails(-5)"},
       {"temperature.memory N/A", "temperature.memory", "fails(-5)"},
-      {"temperature.memory [N/A]", "temperature.memory", "0"},
+      {"temperature.memory [N/A]", "temperature.memory", "fails(-5)"},
       {"power.draw 215.37", "power.draw", "215"},
       {"temperature.gpu <nothing>", "temperature.gpu", "fails(-5)"},
       {"utilization.gpu <crash>", "utilization.gpu", "fails(-5)"},
-      {"count 1\ngpu 3\ntemperature.gpu 48", "temperature.gpu", "0"},  // "No devices were found"
+      // "No devices were found"
+      {"count 1\ngpu 3\ntemperature.gpu 48", "temperature.gpu", "fails(-5)"},
+      // Texts and ids that are no value.
+      {"name [N/A]", "name", "fails(kept)"},
+      {"vbios_version N/A", "vbios_version", "fails(kept)"},
+      {"pci.sub_device_id [Not Supported]", "pci.sub_device_id", "fails(5 6)"},
+      {"pci.bus [N/A]", "pci.bus", "fails(5)"},
       // The count: the first line; no line at all is 0.
       {"count 2", "count", "2"},
       {"count <nothing>", "count", "0"},

@@ -2,6 +2,7 @@
 // points): discovery, the periodic and the on-demand refreshes. Each case runs
 // in a child inside its machine, whose lib/ is on the loader's path as for a
 // real host. What gpumon shows of these records is in nvidia_gpumon_test.
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -109,6 +110,13 @@ std::string field(const zev::GPU& g, const std::string& k) {
   if (k == "reasons") return std::to_string(g.throttle_reasons);
   if (k == "procs") return processes(g);
   if (k == "pcie") return in({g.pcie_tx_throughput, g.pcie_rx_throughput});
+  if (k == "memory") return in({g.vram_size_mb, g.vram_used_mb});
+  if (k == "board") {
+    char ids[32];
+    std::snprintf(ids, sizeof ids, "%04llX:%04llX", static_cast<unsigned long long>(g.subvendor_id),
+                  static_cast<unsigned long long>(g.subdevice_id));
+    return std::string(ids) + "," + g.pci_bus_id + "," + g.driver_version + "," + g.vbios_version;
+  }
   if (k == "sensors") {
     std::string s;
     for (int i = 0; i < 5; ++i) s += std::to_string(g.sensor_available[i]);
@@ -119,11 +127,17 @@ std::string field(const zev::GPU& g, const std::string& k) {
 
 // One answer of the monitor. Operations run when asked and answer whether
 // they succeeded: "refresh", and the on-demand refreshes of GPU i "power<i>",
-// "procs<i>", "pcie<i>". The other keys read the monitor, or a field of NVML
-// GPU 0 ("1.fans": of GPU 1).
+// "procs<i>", "pcie<i>". "calls:<entry point>" counts the library's calls of
+// it so far. The other keys read the monitor, or a field of NVML GPU 0
+// ("1.fans": of GPU 1).
 std::string answer(Nvml& n, std::string key) {
   GpuMonitorVorn& m = n.monitor;
   if (key == "refresh") return std::to_string(m.nvml_update_dynamic_data());
+  if (key.rfind("calls:", 0) == 0) {  // calls the fake library counted of one entry point
+    auto calls_of = reinterpret_cast<unsigned long (*)(const char*)>(
+        dlsym(m.nvml_lib_handle, "zev_fake_nvml_calls_of"));
+    return calls_of != nullptr ? std::to_string(calls_of(key.c_str() + 6)) : "no counter";
+  }
   const size_t digit = key.find_first_of("0123456789");
   if (digit != std::string::npos && digit > 0) {
     const unsigned long i = std::stoul(key.substr(digit));
@@ -254,6 +268,26 @@ TEST(NvmlDiscovery, RecordsHoldWhatTheLibraryReports) {
        "name=NVIDIA GeForce RTX 4090"},
       {"no power entry", on(k4090, "nvml-no-nvmlDeviceGetPowerUsage"), "power raw sensors limits",
        "power=-1,-1,-1 raw=30,-1,-1,-1,-1 sensors=10110 limits=450000,450000,150000,600000"},
+      // What the first design dropped or never asked: the sub-system ids, the
+      // PCI address, the driver and VBIOS versions, the video memory.
+      {"the board as NVML describes it", on(kH100), "board memory",
+       "board=10DE:16C1,0000:18:00.0,550.90.07,96.00.99.00.01 memory=81559,1"},
+      {"two boards", on(k5090), "board memory 1.board 1.memory",
+       "board=10DE:2057,0000:01:00.0,570.133.07,98.02.2E.00.AF memory=32607,1187 "
+       "1.board=1458:40FD,0000:04:00.0,570.133.07,95.03.2C.40.94 1.memory=16376,3"},
+      {"failing board reads leave them unknown",
+       [] {
+         Machine m(kH100);
+         return m.file(kNvml,
+                       "fail nvmlSystemGetDriverVersion 3\n" +
+                           testing_support::read_file(m.dir() + "/" + kNvml) +
+                           "fail nvmlDeviceGetVbiosVersion 3\nfail nvmlDeviceGetMemoryInfo 3\n");
+       },
+       "board memory", "board=10DE:16C1,0000:18:00.0,, memory=0,-1"},
+      {"no PCI information", on(kH100, nullptr, "fail nvmlDeviceGetPciInfo 3\n"), "board name",
+       "board=0000:0000,,550.90.07,96.00.99.00.01 name=NVIDIA H100 80GB HBM3"},
+      {"memory of a library without the entry point", on(kH100, "nvml-no-nvmlDeviceGetMemoryInfo"),
+       "memory refresh memory", "memory=0,-1 refresh=1 memory=0,-1"},
   });
 }
 
@@ -297,6 +331,9 @@ TEST(NvmlRefresh, WithoutTheLibraryNothingIsRead) {
   monitor.cleanup_gpus_list();
 }
 
+// The 4090's second fan and first RPM move on with each reading.
+const std::string kMovingFans = "fan.1 31 33 35 37\nfan_rpm.0 1122 1180 1240 1300\n";
+
 TEST(NvmlRefresh, EachRefreshTakesTheNextReadings) {
   // Masks are named only when they are a single reason; a failed read is none.
   std::string throttle_query, throttle_expected;
@@ -332,9 +369,30 @@ TEST(NvmlRefresh, EachRefreshTakesTheNextReadings) {
        "refresh=1 refresh=1 raw=-1,-1,1755,2619,-1 temp=33,32,33 clk=1755,2619 "
        "power=305778,305.778,-1 usage=37,12 util=-1,-1 maxclk=-1,-1 reported=1980,2619 energy=-1 "
        "limits=-1,700000,200000,700000"},
-      // The single-fan reading moves the first fan only; RPMs stay as found.
-      {"fans", on(k4090, "nvml-full"), "refresh refresh refresh fans raw rpms",
-       "refresh=1 refresh=1 refresh=1 fans=44,31 raw=44,44,210,405,28030 rpms=1122,1139"},
+      // Every fan moves: the first through the single-fan reading, the others
+      // per fan; RPMs where the library has the entry point (driver 570 on).
+      {"fans", on(k4090, "nvml", kMovingFans), "refresh refresh refresh fans raw rpms",
+       "refresh=1 refresh=1 refresh=1 fans=44,37 raw=44,44,210,405,28030 rpms=1300,1139"},
+      {"fans without an RPM entry point", on(k4090, nullptr, kMovingFans),
+       "refresh fans rpms calls:nvmlDeviceGetFanSpeed_v2",
+       "refresh=1 fans=30,33 rpms=-1,-1 "
+       "calls:nvmlDeviceGetFanSpeed_v2=3"},
+      {"a failing fan keeps its values",
+       on(k4090, "nvml",
+          kMovingFans + "fail nvmlDeviceGetFanSpeed_v2.1 3 from 2\n"
+                        "fail nvmlDeviceGetFanSpeedRPM.0 3 from 2\n"),
+       "refresh fans rpms", "refresh=1 fans=30,31 rpms=1122,1139"},
+      // A board claiming 100000 fans gets its first 32 refreshed, not all.
+      {"an absurd fan count", on(k4090, nullptr, "num_fans 100000\n"),
+       "calls:nvmlDeviceGetFanSpeed_v2 refresh calls:nvmlDeviceGetFanSpeed_v2",
+       "calls:nvmlDeviceGetFanSpeed_v2=100000 refresh=1 calls:nvmlDeviceGetFanSpeed_v2=100031"},
+      {"memory in use", on(k5090), "memory refresh memory refresh memory 1.memory",
+       "memory=32607,1187 refresh=1 memory=32607,1187 refresh=1 memory=32607,2431 "
+       "1.memory=16376,3"},
+      // A failed read keeps the last value.
+      {"memory that cannot be read",
+       on(k5090, nullptr, "device 0\nfail nvmlDeviceGetMemoryInfo 3 from 2\n"),
+       "refresh refresh memory", "refresh=1 refresh=1 memory=32607,1187"},
   });
 }
 
@@ -353,13 +411,37 @@ TEST(NvmlRefresh, OnDemandPowerProcessesAndPcie) {
       {"no energy entry", on(kH100, "nvml-no-nvmlDeviceGetTotalEnergyConsumption"),
        "energy power0 energy refresh energy", "energy=0 power0=1 energy=0 refresh=1 energy=-1"},
       // Real libraries answer the sizing call with INSUFFICIENT_SIZE whenever
-      // samples exist (NOT_FOUND without): no table then.
-      {"sizing call refused", on(k5090), "procs0 procs1 procs pcie0 pcie pcie2",
-       "procs0=0 procs1=0 procs=none pcie0=1 pcie=420,1310 pcie2=0"},
-      // A second table replaces the first (ASan sees the old one freed).
-      {"sizing call answered", on(k5090, nullptr, sizing + "fail nvmlDeviceGetPcieThroughput 3\n"),
-       "procs0 procs0 procs procs2 procs1 1.procs pcie1",
-       "procs0=1 procs0=1 procs=" + table + " procs2=0 procs1=1 1.procs=none pcie1=1"},
+      // samples exist, NOT_FOUND without: discovery fills the table already,
+      // and each read refreshes it. A process's name is asked once.
+      {"sizing call answered as real drivers do", on(k5090),
+       "procs 1.procs procs0 procs1 refresh procs calls:nvmlSystemGetProcessName pcie0 pcie pcie2",
+       "procs=" + table + " 1.procs=none procs0=1 procs1=1 refresh=1 procs=" + table +
+           " calls:nvmlSystemGetProcessName=2 pcie0=1 pcie=420,1310 pcie2=0"},
+      // The table is reused (ASan would see a stale one read).
+      {"sizing call answered with success", on(k5090, nullptr, sizing),
+       "procs0 procs0 procs procs2 procs1 1.procs",
+       "procs0=1 procs0=1 procs=" + table + " procs2=0 procs1=1 1.procs=none"},
+      // No process has samples any more: an empty table.
+      {"processes gone",
+       on(k5090, nullptr, "device 0\nfail nvmlDeviceGetProcessUtilization 6 from 3\n"),
+       "refresh procs procs0", "refresh=1 procs= procs0=1"},
+      // A failing query, or an answer not to be believed, keeps the table.
+      {"a failing process query",
+       on(k5090, nullptr, "device 0\nfail nvmlDeviceGetProcessUtilization 15 from 3\n"),
+       "procs0 procs", "procs0=0 procs=" + table},
+      {"not supported", on(k5090, nullptr, "device 0\nprocess_sizing 3\n"), "procs procs0",
+       "procs=none procs0=0"},
+      // Counts the library claims: sizing call, then buffer call.
+      {"a huge count from the sizing call",
+       on(k5090, nullptr, "device 0\nprocess_count 4000000000 2\n"), "procs procs0 procs",
+       "procs=" + table + " procs0=1 procs=" + table},
+      {"more samples than the buffer holds",
+       on(k5090, nullptr, "device 0\nprocess_count 2 257 2 2\n"), "procs procs0 procs",
+       "procs=none procs0=1 procs=" + table},
+      // A counter that cannot be read is unknown (0xFFFFFFFF), never 0.
+      {"PCIe counters that cannot be read",
+       on(k5090, nullptr, "fail nvmlDeviceGetPcieThroughput 3\n"), "pcie1 1.pcie",
+       "pcie1=1 1.pcie=4294967295,4294967295"},
       {"no process names", on(k5090, "nvml-no-nvmlSystemGetProcessName", sizing), "procs0 procs",
        "procs0=1 procs=4242::1732700000000000,35,12,5151::1732700000000500,9,3"},
       {"no process entry", on(k5090, "nvml-no-nvmlDeviceGetProcessUtilization"), "procs0",

@@ -112,10 +112,10 @@ TEST(Serve, MetricsOfFakeMachines) {
           {built_machine("nvidia-h100-sxm"),
            {},
            {"# TYPE gpumon_gpu_energy_joules_total counter\n",
-            "gpumon_gpu_energy_joules_total{gpu=\"0\",name=\"NVIDIA H100 80GB HBM3\",pci=\"\"} "
-            "4578213.376\n",
-            "gpumon_gpu_power_limit_watts{gpu=\"0\",name=\"NVIDIA H100 80GB HBM3\",pci=\"\"} "
-            "700\n"},
+            "gpumon_gpu_energy_joules_total{gpu=\"0\",name=\"NVIDIA H100 80GB HBM3\","
+            "pci=\"0000:18:00.0\"} 4578213.376\n",
+            "gpumon_gpu_power_limit_watts{gpu=\"0\",name=\"NVIDIA H100 80GB HBM3\","
+            "pci=\"0000:18:00.0\"} 700\n"},
            {"fan", "NaN"}},
           {machine_dir("amd-multi-card-gaps"),
            {"--gpu", "1"},

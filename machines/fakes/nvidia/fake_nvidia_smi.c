@@ -29,6 +29,18 @@
  * numbers get their units (" %", " MiB", " W", " MHz"), as nvidia-smi prints
  * them. An index without a "gpu" section prints "No devices were found".
  *
+ * Captured answers: with a line
+ *   capture <file> <state>
+ * (a file next to the data, and a state such as "idle" or "load") the fake
+ * answers from the output of a real nvidia-smi as the nvidia_gpu_exporter
+ * project's capture script recorded it: the section "# <state> :: query-gpu"
+ * holds the answer to `--query-gpu=<every field> --format=csv`, a header of
+ * field names (units in brackets) and one line per GPU. Any field of that
+ * header can then be asked, for the GPU whose "index" it is; an answer is
+ * printed as captured, with its unit ("38 %", "[N/A]"), and without the unit
+ * under "nounits" ("38"), as nvidia-smi does. The capture is read as it is
+ * and never changed; "gpu" sections are ignored then.
+ *
  * Each start appends its command line to nvidia/nvidia-smi.log of the
  * machine, or to the file named by ZEV_FAKE_NVIDIA_SMI_LOG. */
 #define _GNU_SOURCE
@@ -68,7 +80,7 @@ static void machine_file(const char* env, const char* name, char* out, size_t si
   }
   self[n] = '\0';
   fake_dirname(self, 2); /* <machine>/bin/nvidia-smi -> <machine> */
-  snprintf(out, size, "%s/nvidia/%s", self, name);
+  if (snprintf(out, size, "%s/nvidia/%s", self, name) >= (int)size) out[0] = '\0';
 }
 
 /* Prints a value with its special forms; returns the exit status. */
@@ -109,6 +121,122 @@ static int answer(const char* value, const char* unit, int copies) {
   return status;
 }
 
+/* ------------------------------------------------------------ captures */
+
+#define MAX_COLUMNS 512
+
+/* Splits a CSV line of nvidia-smi (", " between values, nothing quoted) in
+ * place; returns the number of values. */
+static int split_csv(char* line, char** values) {
+  int n = 0;
+  for (char* p = line; n < MAX_COLUMNS;) {
+    values[n++] = p;
+    char* comma = strstr(p, ", ");
+    if (comma == NULL) break;
+    *comma = '\0';
+    p = comma + 2;
+  }
+  return n;
+}
+
+/* The next line of *cursor, cut off in place (without "\r\n"); NULL at the end. */
+static char* next_raw_line(char** cursor) {
+  char* line = *cursor;
+  if (line == NULL || *line == '\0') return NULL;
+  char* end = strchr(line, '\n');
+  if (end != NULL) {
+    *end = '\0';
+    *cursor = end + 1;
+  } else {
+    *cursor = line + strlen(line);
+  }
+  size_t n = strlen(line);
+  if (n > 0 && line[n - 1] == '\r') line[n - 1] = '\0';
+  return line;
+}
+
+/* Answers the query from the capture `spec` ("<file> <state>") of the data
+ * file at conf_path; returns the exit status. */
+static int answer_from_capture(const char* conf_path, const char* spec, long index,
+                               const char* field, int units) {
+  char file[1024] = "", state[64] = "";
+  if (sscanf(spec, "%1023s %63s", file, state) != 2) {
+    fprintf(stderr, "fake nvidia-smi: capture needs a file and a state: %s\n", spec);
+    return 2;
+  }
+  char path[4096];
+  fake_copy(path, sizeof path, conf_path);
+  fake_dirname(path, 1);
+  strncat(path, "/", sizeof path - strlen(path) - 1);
+  strncat(path, file, sizeof path - strlen(path) - 1);
+  char* text = fake_read_file(path);
+  if (text == NULL) {
+    fprintf(stderr, "fake nvidia-smi: cannot read the capture %s\n", path);
+    return 2;
+  }
+  char section[128];
+  snprintf(section, sizeof section, "# %s :: query-gpu", state);
+
+  char* cursor = text;
+  char* line = NULL;
+  while ((line = next_raw_line(&cursor)) != NULL && strncmp(line, section, strlen(section)) != 0) {
+  }
+  while (line != NULL && line[0] == '#') line = next_raw_line(&cursor);
+  if (line == NULL) {
+    fprintf(stderr, "fake nvidia-smi: no \"%s\" section in %s\n", section, path);
+    free(text);
+    return 2;
+  }
+  static char* names[MAX_COLUMNS];
+  static char* values[MAX_COLUMNS];
+  const int columns = split_csv(line, names);
+  int wanted = -1, index_column = -1;
+  const char* unit = ""; /* of the wanted field: "fan.speed [%]" has "%" */
+  for (int c = 0; c < columns; ++c) {
+    char* bracket = strstr(names[c], " [");
+    if (bracket != NULL) {
+      *bracket = '\0';
+      char* close = strchr(bracket + 2, ']');
+      if (close != NULL) *close = '\0';
+    }
+    if (strcmp(names[c], field) == 0) {
+      wanted = c;
+      unit = bracket != NULL ? bracket + 2 : "";
+    }
+    if (strcmp(names[c], "index") == 0) index_column = c;
+  }
+  if (wanted < 0) {
+    printf("Field \"%s\" is not a valid field to query.\n", field);
+    free(text);
+    return 2;
+  }
+
+  int status = 6, row = 0;
+  while ((line = next_raw_line(&cursor)) != NULL && line[0] != '\0') {
+    if (split_csv(line, values) != columns) {
+      fprintf(stderr, "fake nvidia-smi: a line of %s does not match its header\n", path);
+      status = 2;
+      break;
+    }
+    const long gpu = index_column >= 0 ? strtol(values[index_column], NULL, 10) : row;
+    ++row;
+    if (index >= 0 && gpu != index) continue;
+    char* value = values[wanted];
+    /* "38 %" prints as "38" under nounits; "[N/A]" stays. */
+    const size_t n = strlen(value), u = strlen(unit);
+    if (!units && u > 0 && n > u + 1 && value[n - u - 1] == ' ' &&
+        strcmp(value + n - u, unit) == 0) {
+      value[n - u - 1] = '\0';
+    }
+    printf("%s\n", value);
+    status = 0;
+    if (index >= 0) break;
+  }
+  if (status == 6) printf("No devices were found\n");
+  free(text);
+  return status;
+}
+
 int main(int argc, char** argv) {
   char log_path[4096];
   machine_file("ZEV_FAKE_NVIDIA_SMI_LOG", "nvidia-smi.log", log_path, sizeof log_path);
@@ -138,14 +266,6 @@ int main(int argc, char** argv) {
     }
     field = argv[2] + 12;
     units = strcmp(argv[3], "--format=csv,noheader") == 0;
-    int known = 0;
-    for (size_t i = 0; i < sizeof kFields / sizeof kFields[0]; ++i) {
-      if (strcmp(field, kFields[i]) == 0) known = 1;
-    }
-    if (!known) {
-      printf("Field \"%s\" is not a valid field to query.\n", field);
-      return 2;
-    }
   } else {
     fprintf(stderr, "fake nvidia-smi: unexpected command line: %s\n", command);
     return 2;
@@ -169,6 +289,11 @@ int main(int argc, char** argv) {
     if (*line == '\0' || *line == '#') continue;
     char* rest = NULL;
     char* key = fake_split_key(line, &rest);
+    if (section < 0 && strcmp(key, "capture") == 0) {
+      const int status = answer_from_capture(conf_path, rest, index, field, units);
+      free(text);
+      return status;
+    }
     if (strcmp(key, "gpu") == 0) {
       section = strtol(rest, NULL, 10);
       if (section == index) found_gpu = 1;
@@ -177,6 +302,16 @@ int main(int argc, char** argv) {
     } else if (section >= 0 && section == index && strcmp(key, field) == 0) {
       value = rest;
     }
+  }
+
+  int known = 0;
+  for (size_t i = 0; i < sizeof kFields / sizeof kFields[0]; ++i) {
+    if (strcmp(field, kFields[i]) == 0) known = 1;
+  }
+  if (index >= 0 && !known) {
+    printf("Field \"%s\" is not a valid field to query.\n", field);
+    free(text);
+    return 2;
   }
 
   int status = 0;

@@ -24,9 +24,12 @@
  *   num_fans fan_speed fan.<f> fan_rpm.<f> max_clock.<c> clock.<c>
  *   boost_clock.<c> utilization.gpu utilization.memory power energy
  *   enforced_limit default_limit power_limit limit_min limit_max pstate
- *   pcie.<counter> throttle processes process_sizing
+ *   pcie.<counter> throttle processes process_sizing process_count
+ *   vbios_version
  * Device values given before the first "device" line are every device's
- * defaults. "processes" lists samples as pid:timestamp:sm:mem:enc:dec.
+ * defaults. "processes" lists samples as pid:timestamp:sm:mem:enc:dec;
+ * "process_count" is a count the process query claims instead of the true
+ * one (a misbehaving library), while it writes no more samples than fit.
  * "fail" makes a call answer <code>; with ".<arg>" only for that clock type,
  * threshold, fan, counter or index; with "from <n>" from its n-th matching
  * call on. An unknown key makes start-up fail (UNKNOWN, 999) with a message
@@ -202,7 +205,7 @@ void zev_fake_nvml_reset_calls(void) {
 /* ------------------------------------------------------------ machine data */
 
 static const char* const kTextKeys[] = {"name", "serial", "processes", "nvml_version",
-                                        "driver_version"};
+                                        "driver_version", "vbios_version"};
 static const char* const kDeviceKeys[] = {
     "name",           "serial",          "brand",          "pci_domain",     "pci_bus",
     "pci_device",     "pci_device_id",   "pci_subsystem_id", "architecture", "cores",
@@ -210,7 +213,7 @@ static const char* const kDeviceKeys[] = {
     "cuda_minor",     "temperature",     "num_fans",       "fan_speed",      "utilization.gpu",
     "utilization.memory", "power",       "energy",         "enforced_limit", "default_limit",
     "power_limit",    "limit_min",       "limit_max",      "pstate",         "throttle",
-    "processes",      "process_sizing"};
+    "processes",      "process_sizing",  "process_count",  "vbios_version"};
 static const char* const kIndexedDeviceKeys[] = {"threshold.", "fan.",  "fan_rpm.", "max_clock.",
                                                  "clock.",     "boost_clock.", "pcie."};
 static const char* const kLibraryKeys[] = {"init", "count", "nvml_version", "driver_version"};
@@ -582,6 +585,12 @@ nvmlReturn_t nvmlDeviceGetSerial(nvmlDevice_t device, char* serial, unsigned int
   END(put_text(take_text(d, "serial"), serial, length));
 }
 
+nvmlReturn_t nvmlDeviceGetVbiosVersion(nvmlDevice_t device, char* version, unsigned int length) {
+  BEGIN("nvmlDeviceGetVbiosVersion");
+  DEVICE(device, -1);
+  END(put_text(take_text(d, "vbios_version"), version, length));
+}
+
 nvmlReturn_t nvmlDeviceGetBrand(nvmlDevice_t device, unsigned int* brand) {
   BEGIN("nvmlDeviceGetBrand");
   DEVICE(device, -1);
@@ -752,8 +761,10 @@ nvmlReturn_t nvmlDeviceGetFanSpeed_v2(nvmlDevice_t device, unsigned int fan,
   END(NVML_SUCCESS);
 }
 
-nvmlReturn_t nvmlDeviceGetFanSpeedRPM_v2(nvmlDevice_t device, nvmlFanSpeedInfo_t* info) {
-  BEGIN("nvmlDeviceGetFanSpeedRPM_v2");
+/* The RPM of one fan; exported as the real libraries name it (driver 570 and
+ * later) and under the _v2 name the monitor also looks up. */
+static nvmlReturn_t fan_rpm(const char* name, nvmlDevice_t device, nvmlFanSpeedInfo_t* info) {
+  BEGIN(name);
   if (info == NULL) END(NVML_ERROR_INVALID_ARGUMENT);
   nvmlFanSpeedInfo_t in;
   memcpy(&in, info, sizeof in);
@@ -765,6 +776,14 @@ nvmlReturn_t nvmlDeviceGetFanSpeedRPM_v2(nvmlDevice_t device, nvmlFanSpeedInfo_t
   in.speed = (unsigned int)v;
   memcpy(info, &in, sizeof in);
   END(NVML_SUCCESS);
+}
+
+nvmlReturn_t nvmlDeviceGetFanSpeedRPM(nvmlDevice_t device, nvmlFanSpeedInfo_t* info) {
+  return fan_rpm("nvmlDeviceGetFanSpeedRPM", device, info);
+}
+
+nvmlReturn_t nvmlDeviceGetFanSpeedRPM_v2(nvmlDevice_t device, nvmlFanSpeedInfo_t* info) {
+  return fan_rpm("nvmlDeviceGetFanSpeedRPM_v2", device, info);
 }
 
 /* ------------------------------------------------------------------ clocks */
@@ -937,19 +956,25 @@ nvmlReturn_t nvmlDeviceGetProcessUtilization(nvmlDevice_t device,
   if (count == NULL) END(NVML_ERROR_INVALID_ARGUMENT);
   nvmlProcessUtilizationSample_t parsed[MAX_SAMPLES];
   const unsigned int n = parse_samples(d, parsed);
+  unsigned long long claimed_value = 0;
+  const int lies = take_value(d, "process_count", &claimed_value);
+  const unsigned int claimed = lies ? (unsigned int)claimed_value : n;
   if (samples == NULL) {
-    memcpy(count, &n, sizeof n);
+    memcpy(count, &claimed, sizeof claimed);
     unsigned long long code = 0;
     if (take_value(d, "process_sizing", &code)) END((nvmlReturn_t)code);
     END(n > 0 ? NVML_ERROR_INSUFFICIENT_SIZE : NVML_ERROR_NOT_FOUND);
   }
   unsigned int room = 0;
   memcpy(&room, count, sizeof room);
-  if (room < n) {
+  if (room < n && !lies) {
     memcpy(count, &n, sizeof n);
     END(NVML_ERROR_INSUFFICIENT_SIZE);
   }
-  for (unsigned int k = 0; k < n; ++k) memcpy(&samples[k], &parsed[k], sizeof parsed[k]);
-  memcpy(count, &n, sizeof n);
+  /* Never more samples than the caller's buffer holds, whatever is claimed. */
+  for (unsigned int k = 0; k < n && k < room; ++k) {
+    memcpy(&samples[k], &parsed[k], sizeof parsed[k]);
+  }
+  memcpy(count, &claimed, sizeof claimed);
   END(n > 0 ? NVML_SUCCESS : NVML_ERROR_NOT_FOUND);
 }

@@ -176,7 +176,10 @@ class GPU {
   void* nvml_device;
   uint8_t carried_u8_1;
   uint32_t carried_u32_5[2];
-  char carried_text6[64];
+  // PCI address as NVML gives it ("0000:18:00.0"); empty for GPUs found
+  // otherwise. It takes a carried text, which held "" and which no host
+  // reads, so the layout is unchanged. Written by NVML discovery.
+  char pci_bus_id[64];
   char carried_text7[32];
   bool carried_bool_true;  // carried; defaults to true
   int32_t rop_check_code;
@@ -192,7 +195,7 @@ class GPU {
   uint32_t carried_u32_8;
   int32_t cuda_compute_capability[2];
   int32_t temperature_thresholds[3];  // shutdown, slowdown, GPU maximum
-  uint32_t pcie_rx_throughput;
+  uint32_t pcie_rx_throughput;        // KB/s, read on demand (NVML); 0xFFFFFFFF: not readable
   uint32_t pcie_tx_throughput;
   uint64_t throttle_reasons;
   char throttle_reason_text[128];
