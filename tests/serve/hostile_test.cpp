@@ -192,6 +192,9 @@ const Attack kAttacks[] = {
      0, 10},
 };
 
+// Test names in CTest's list: the attack's name, not its bytes.
+void PrintTo(const Attack& attack, std::ostream* out) { *out << attack.name; }
+
 class Hostility : public ::testing::TestWithParam<Attack> {};
 
 TEST_P(Hostility, ScrapesGoOnAndSigtermEndsIt) {

@@ -112,6 +112,18 @@ int connect_loopback(int port, const std::string& from) {
   return fd;
 }
 
+int free_port() {
+  const int s = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  bind(s, reinterpret_cast<sockaddr*>(&address), sizeof address);
+  getsockname(s, reinterpret_cast<sockaddr*>(&address), &length);
+  close(s);
+  return ntohs(address.sin_port);
+}
+
 bool send_text(int fd, const std::string& bytes) {
   for (size_t sent = 0; sent < bytes.size();) {
     const ssize_t n = send(fd, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
@@ -135,6 +147,24 @@ bool read_more(int fd, std::string* buffer, std::chrono::steady_clock::time_poin
   if (n <= 0) return false;
   buffer->append(chunk, static_cast<size_t>(n));
   return true;
+}
+
+// A body sent in chunks: each a hexadecimal size line and that many bytes,
+// up to one of size 0 and the empty line after it.
+bool read_chunks(int fd, Reply* reply, std::string* in,
+                 std::chrono::steady_clock::time_point deadline) {
+  reply->body.clear();
+  for (;;) {
+    size_t line;
+    while ((line = in->find("\r\n")) == std::string::npos)
+      if (!read_more(fd, in, deadline)) return false;
+    const size_t size = std::strtoul(in->c_str(), nullptr, 16);
+    while (in->size() < line + 2 + size + 2)
+      if (!read_more(fd, in, deadline)) return false;
+    reply->body.append(*in, line + 2, size);
+    in->erase(0, line + 2 + size + 2);
+    if (size == 0) return true;
+  }
 }
 
 }  // namespace
@@ -162,6 +192,9 @@ bool read_reply(int fd, Reply* reply, int timeout_ms, std::string* pending, bool
   }
   in.erase(0, end + 4);
   const auto length = reply->headers.find("content-length");
+  const auto coding = reply->headers.find("transfer-encoding");
+  if (!head && coding != reply->headers.end() && coding->second == "chunked")
+    return read_chunks(fd, reply, &in, deadline);
   if (length == reply->headers.end()) {
     while (read_more(fd, &in, deadline)) {
     }

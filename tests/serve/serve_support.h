@@ -45,6 +45,8 @@ class Served {
 // address `from` (another one of 127.0.0.0/8 counts as another client);
 // -1 when it cannot be made.
 int connect_loopback(int port, const std::string& from = "127.0.0.1");
+// A loopback port free at the time of asking.
+int free_port();
 // Sends it all (a peer that hung up is no signal); false when it could not.
 bool send_text(int fd, const std::string& bytes);
 
