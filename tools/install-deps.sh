@@ -10,7 +10,7 @@ packages=(
   libegl-dev libgl-dev libegl-mesa0 libgl1-mesa-dri
   libpng-dev libfreetype-dev libstb-dev fonts-dejavu-core
   g++-aarch64-linux-gnu
-  libcpp-httplib-dev prometheus
+  libmicrohttpd-dev prometheus prometheus-node-exporter
 )
 
 missing=()

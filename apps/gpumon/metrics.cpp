@@ -1,43 +1,8 @@
 #include "metrics.h"
 
-#include <charconv>
+#include "metric_text.h"
 
 namespace {
-
-// Length of the well-formed UTF-8 sequence at text[i]; 0 when the bytes
-// there are not one (a stray continuation byte, an overlong form, a
-// surrogate, a cut-off sequence).
-size_t utf8_length(const std::string& text, size_t i) {
-  const unsigned char lead = static_cast<unsigned char>(text[i]);
-  if (lead < 0x80) return 1;
-  size_t length = 0;
-  unsigned code = 0, least = 0;
-  if ((lead & 0xE0) == 0xC0) {
-    length = 2, code = lead & 0x1Fu, least = 0x80;
-  } else if ((lead & 0xF0) == 0xE0) {
-    length = 3, code = lead & 0x0Fu, least = 0x800;
-  } else if ((lead & 0xF8) == 0xF0) {
-    length = 4, code = lead & 0x07u, least = 0x10000;
-  } else {
-    return 0;
-  }
-  if (i + length > text.size()) return 0;
-  for (size_t k = 1; k < length; ++k) {
-    const unsigned char next = static_cast<unsigned char>(text[i + k]);
-    if ((next & 0xC0) != 0x80) return 0;
-    code = (code << 6) | (next & 0x3Fu);
-  }
-  if (code < least || code > 0x10FFFF || (code >= 0xD800 && code <= 0xDFFF)) return 0;
-  return length;
-}
-
-std::string format_number(double value) {
-  char text[512];  // the longest double written out in full is 309 digits
-  // Shortest exact form without an exponent: 2619000000, 0.37.
-  const std::to_chars_result end =
-      std::to_chars(text, text + sizeof text, value, std::chars_format::fixed);
-  return std::string(text, end.ptr);
-}
 
 // One sample of a family: a field of the table, under a label telling it
 // from the family's other samples, converted to the family's unit.
@@ -46,6 +11,7 @@ struct Sample {
   const char* type;
   const char* help;
   const char* label;  // "" for none
+  const char* value;  // the label's value
   const char* field;  // --query name in the field table
   double multiply;    // metric value = field value * multiply / divide
   double divide;
@@ -55,20 +21,47 @@ struct Sample {
 // its help and type.
 const Sample kSamples[] = {
     {"gpumon_gpu_temperature_celsius", "gauge",
-     "GPU temperature in degrees Celsius, by sensor (core, memory).", "sensor=\"core\"",
+     "GPU temperature in degrees Celsius, by sensor (core, memory).", "sensor", "core",
      "temperature.gpu", 1, 1},
-    {"gpumon_gpu_temperature_celsius", "", "", "sensor=\"memory\"", "temperature.memory", 1, 1},
+    {"gpumon_gpu_temperature_celsius", "", "", "sensor", "memory", "temperature.memory", 1, 1},
+    {"gpumon_gpu_temperature_threshold_celsius", "gauge",
+     "Temperature at which the GPU acts, in degrees Celsius, by threshold (shutdown, slowdown, "
+     "gpu_max: the highest for normal operation).",
+     "threshold", "shutdown", "temperature.shutdown", 1, 1},
+    {"gpumon_gpu_temperature_threshold_celsius", "", "", "threshold", "slowdown",
+     "temperature.slowdown", 1, 1},
+    {"gpumon_gpu_temperature_threshold_celsius", "", "", "threshold", "gpu_max",
+     "temperature.gpu_max", 1, 1},
     {"gpumon_gpu_usage_ratio", "gauge", "GPU usage from 0 to 1, by engine (core, memory).",
-     "engine=\"core\"", "utilization.gpu", 1, 100},
-    {"gpumon_gpu_usage_ratio", "", "", "engine=\"memory\"", "utilization.memory", 1, 100},
+     "engine", "core", "utilization.gpu", 1, 100},
+    {"gpumon_gpu_usage_ratio", "", "", "engine", "memory", "utilization.memory", 1, 100},
     {"gpumon_gpu_clock_hertz", "gauge", "GPU clock frequency in hertz, by clock (core, memory).",
-     "clock=\"core\"", "clocks.gr", 1e6, 1},
-    {"gpumon_gpu_clock_hertz", "", "", "clock=\"memory\"", "clocks.mem", 1e6, 1},
-    {"gpumon_gpu_power_watts", "gauge", "GPU power draw in watts.", "", "power.draw", 1, 1},
-    {"gpumon_gpu_power_limit_watts", "gauge", "GPU power limit in force, in watts.", "",
+     "clock", "core", "clocks.gr", 1e6, 1},
+    {"gpumon_gpu_clock_hertz", "", "", "clock", "memory", "clocks.mem", 1e6, 1},
+    {"gpumon_gpu_clock_max_hertz", "gauge",
+     "Highest clock frequency of the GPU in hertz, by clock (core, memory).", "clock", "core",
+     "clocks.max.gr", 1e6, 1},
+    {"gpumon_gpu_clock_max_hertz", "", "", "clock", "memory", "clocks.max.mem", 1e6, 1},
+    {"gpumon_gpu_power_watts", "gauge", "GPU power draw in watts.", "", "", "power.draw", 1, 1},
+    {"gpumon_gpu_power_limit_watts", "gauge", "GPU power limit in force, in watts.", "", "",
      "enforced.power.limit", 1, 1},
+    {"gpumon_gpu_power_default_limit_watts", "gauge", "GPU default power limit, in watts.", "",
+     "", "power.default_limit", 1, 1},
+    {"gpumon_gpu_power_min_limit_watts", "gauge", "Lowest power limit the GPU allows, in watts.",
+     "", "", "power.min_limit", 1, 1},
+    {"gpumon_gpu_power_max_limit_watts", "gauge", "Highest power limit the GPU allows, in watts.",
+     "", "", "power.max_limit", 1, 1},
     {"gpumon_gpu_energy_joules_total", "counter",
-     "Energy the GPU has used since its driver was loaded, in joules.", "", "energy", 1, 1},
+     "Energy the GPU has used since its driver was loaded, in joules.", "", "", "energy", 1, 1},
+    {"gpumon_gpu_memory_total_bytes", "gauge", "Video memory size in bytes.", "", "",
+     "memory.total", 1024 * 1024, 1},
+};
+
+// NVML's clock throttle reasons, by bit.
+const char* const kThrottleReasons[] = {
+    "gpu_idle",          "applications_clocks_setting", "sw_power_cap",
+    "hw_slowdown",       "sync_boost",                  "sw_thermal_slowdown",
+    "hw_thermal_slowdown", "hw_power_brake_slowdown",   "display_clock_setting",
 };
 
 // A text field of the table ("" when unknown).
@@ -77,101 +70,122 @@ std::string text_field(const char* name, const GpuView& view) {
   return field != nullptr ? field->read(view).text : std::string();
 }
 
-std::string gpu_labels(const GpuView& view) {
-  return "gpu=\"" + std::to_string(view.slot) + "\",name=\"" +
-         escape_label_value(text_field("name", view)) + "\",pci=\"" +
-         escape_label_value(text_field("pci.bus_id", view)) + "\"";
+Labels gpu_labels(const GpuView& view) {
+  Labels labels;
+  labels.add("gpu", std::to_string(view.slot))
+      .add("name", view.gpu->name)
+      .add("pci", view.pci_address);
+  return labels;
 }
 
-std::string header(const std::string& metric, const char* type, const char* help) {
-  return "# HELP " + metric + " " + help + "\n# TYPE " + metric + " " + type + "\n";
+// What the GPU is: one sample of 1 whose labels say it.
+void add_info(MetricFamily* info, const GpuView& view, const Labels& labels) {
+  Labels all = labels;
+  all.add("board_name", view.gpu->marketing_name)
+      .add("codename", view.gpu->codename)
+      .add("driver", view.gpu->driver_name)
+      .add("driver_version", view.gpu->driver_version)
+      .add("vbios_version", view.gpu->vbios_version)
+      .add("vendor_id", text_field("pci.vendor", view))
+      .add("device_id", text_field("pci.device", view))
+      .add("subsystem_vendor_id", text_field("pci.sub_vendor", view))
+      .add("subsystem_device_id", text_field("pci.sub_device", view))
+      .add("revision_id", text_field("pci.revision", view));
+  info->add(all, 1);
 }
 
-void add_sample(std::string* out, const std::string& metric, const std::string& labels,
-                double value) {
-  *out += metric + "{" + labels + "} " + format_number(value) + "\n";
+void add_table_samples(std::string* out, const std::vector<GpuView>& gpus,
+                       const std::vector<Labels>& labels) {
+  for (const Sample* s = std::begin(kSamples); s != std::end(kSamples);) {
+    MetricFamily family(s->metric, s->type, s->help);
+    do {
+      const GpuField* field = find_query_field(s->field);
+      for (size_t g = 0; field != nullptr && g < gpus.size(); ++g) {
+        const FieldValue value = field->read(gpus[g]);
+        if (value.kind != FieldValue::kNumber) continue;
+        family.add(s->label[0] ? labels[g].with(s->label, s->value) : labels[g],
+                   value.number * s->multiply / s->divide);
+      }
+      ++s;
+    } while (s != std::end(kSamples) && s->type[0] == '\0');
+    family.write_to(out);
+  }
 }
 
-// Fans, every one of them (the field table has the first alone).
-void add_fans(std::string* out, const std::vector<GpuView>& gpus,
-              const std::vector<std::string>& labels) {
-  const struct {
-    const char* metric;
-    const char* help;
-    float zev::gpuFanSpeed::*value;
-    double divide;
-  } kFans[] = {
-      {"gpumon_gpu_fan_speed_ratio", "Fan speed from 0 to 1 of its maximum, by fan.",
-       &zev::gpuFanSpeed::speed_percent, 100},
-      {"gpumon_gpu_fan_speed_rpm", "Fan speed in revolutions per minute, by fan.",
-       &zev::gpuFanSpeed::rpm, 1},
-  };
-  for (const auto& kind : kFans) {
-    std::string samples;
-    for (size_t g = 0; g < gpus.size(); ++g) {
-      const zev::GPU& gpu = *gpus[g].gpu;
-      for (uint64_t i = 0; gpu.fans != nullptr && i < gpu.num_fans; ++i) {
-        const FieldValue value = FieldValue::reading(gpu.fans[i].*kind.value);
-        if (!value.known()) continue;
-        add_sample(&samples, kind.metric, labels[g] + ",fan=\"" + std::to_string(i) + "\"",
-                   value.number / kind.divide);
+// Readings the field table does not have (yet): memory in use, throttle
+// reasons one by one, PCIe throughput, every fan.
+void add_record_samples(std::string* out, const std::vector<GpuView>& gpus,
+                        const std::vector<Labels>& labels) {
+  MetricFamily used("gpumon_gpu_memory_used_bytes", "gauge", "Video memory in use, in bytes.");
+  MetricFamily throttle("gpumon_gpu_throttle_reason", "gauge",
+                        "1 for each reason the GPU's clocks are held back now (NVML).");
+  MetricFamily pcie("gpumon_gpu_pcie_throughput_bytes_per_second", "gauge",
+                    "PCIe throughput over the last 20 ms, in bytes a second, by direction "
+                    "(rx: to the GPU, tx: from it) (NVML).");
+  MetricFamily ratio("gpumon_gpu_fan_speed_ratio", "gauge",
+                     "Fan speed from 0 to 1 of its maximum, by fan.");
+  MetricFamily rpm("gpumon_gpu_fan_speed_rpm", "gauge",
+                   "Fan speed in revolutions per minute, by fan.");
+  for (size_t g = 0; g < gpus.size(); ++g) {
+    const zev::GPU& gpu = *gpus[g].gpu;
+    if (gpu.vram_used_mb >= 0) used.add(labels[g], static_cast<double>(gpu.vram_used_mb) * 1048576);
+    if (gpu.throttle_reason_text[0] != '\0') {
+      for (unsigned bit = 0; bit < 64; ++bit) {
+        if ((gpu.throttle_reasons >> bit & 1u) == 0) continue;
+        const std::string reason =
+            bit < std::size(kThrottleReasons) ? kThrottleReasons[bit] : "bit_" + std::to_string(bit);
+        throttle.add(labels[g].with("reason", reason), 1);
       }
     }
-    if (!samples.empty()) *out += header(kind.metric, "gauge", kind.help) + samples;
+    // NVML's kilobytes are 1024 bytes.
+    if (gpu.nvml_device != nullptr && gpu.pcie_rx_throughput != kPcieThroughputUnread)
+      pcie.add(labels[g].with("direction", "rx"), gpu.pcie_rx_throughput * 1024.0);
+    if (gpu.nvml_device != nullptr && gpu.pcie_tx_throughput != kPcieThroughputUnread)
+      pcie.add(labels[g].with("direction", "tx"), gpu.pcie_tx_throughput * 1024.0);
+    for (uint64_t i = 0; gpu.fans != nullptr && i < gpu.num_fans; ++i) {
+      const Labels fan = labels[g].with("fan", std::to_string(i));
+      const FieldValue percent = FieldValue::reading(gpu.fans[i].speed_percent, 100);
+      if (percent.known()) ratio.add(fan, percent.number);
+      const FieldValue turns = FieldValue::reading(gpu.fans[i].rpm);
+      if (turns.known()) rpm.add(fan, turns.number);
+    }
   }
+  for (const MetricFamily* family : {&used, &throttle, &pcie, &ratio, &rpm}) family->write_to(out);
 }
 
 }  // namespace
 
-std::string escape_label_value(const std::string& text) {
+std::string render_metrics(const std::vector<GpuView>& gpus, const ScrapeFacts& facts) {
   std::string out;
-  out.reserve(text.size());
-  for (size_t i = 0; i < text.size();) {
-    const size_t length = utf8_length(text, i);
-    if (length == 0) {
-      out += "\xEF\xBF\xBD";
-      ++i;
-      continue;
-    }
-    const char c = text[i];
-    if (c == '\\') {
-      out += "\\\\";
-    } else if (c == '"') {
-      out += "\\\"";
-    } else if (c == '\n') {
-      out += "\\n";
-    } else {
-      out.append(text, i, length);
-    }
-    i += length;
-  }
-  return out;
-}
+  MetricFamily build("gpumon_build_info", "gauge",
+                     "1, with gpumon's version, the monitor plug-in's and the JSON schema's.");
+  build.add(Labels()
+                .add("version", facts.version)
+                .add("plugin_version", facts.plugin_version)
+                .add("schema", std::to_string(facts.schema)),
+            1);
+  build.write_to(&out);
+  MetricFamily success("gpumon_scrape_success", "gauge",
+                       "1 when the monitor's refresh for this scrape succeeded, else 0.");
+  success.add(Labels(), facts.success ? 1 : 0);
+  success.write_to(&out);
+  MetricFamily duration("gpumon_scrape_duration_seconds", "gauge",
+                        "How long the monitor's refresh for this scrape took, in seconds.");
+  duration.add(Labels(), facts.seconds);
+  duration.write_to(&out);
+  MetricFamily count("gpumon_gpus", "gauge", "Number of GPUs served.");
+  count.add(Labels(), static_cast<double>(gpus.size()));
+  count.write_to(&out);
 
-std::string render_metrics(const std::vector<GpuView>& gpus) {
-  std::vector<std::string> labels;
-  for (const GpuView& view : gpus) labels.push_back(gpu_labels(view));
-  std::string out = header("gpumon_gpus", "gauge", "Number of GPUs served.") + "gpumon_gpus " +
-                    std::to_string(gpus.size()) + "\n";
-  // A metric's samples are gathered first: one with none is left out whole.
-  std::string samples;
-  const Sample* first = nullptr;
-  for (const Sample& sample : kSamples) {
-    if (sample.type[0] != '\0') {
-      if (!samples.empty()) out += header(first->metric, first->type, first->help) + samples;
-      samples.clear();
-      first = &sample;
-    }
-    const GpuField* field = find_query_field(sample.field);
-    for (size_t g = 0; field != nullptr && g < gpus.size(); ++g) {
-      const FieldValue value = field->read(gpus[g]);
-      if (value.kind != FieldValue::kNumber) continue;
-      add_sample(&samples, sample.metric,
-                 sample.label[0] ? labels[g] + "," + sample.label : labels[g],
-                 value.number * sample.multiply / sample.divide);
-    }
+  std::vector<Labels> labels;
+  MetricFamily info("gpumon_gpu_info", "gauge",
+                    "1 for each GPU, with what it is as labels (names, driver, VBIOS, PCI ids).");
+  for (const GpuView& view : gpus) {
+    labels.push_back(gpu_labels(view));
+    add_info(&info, view, labels.back());
   }
-  if (!samples.empty()) out += header(first->metric, first->type, first->help) + samples;
-  add_fans(&out, gpus, labels);
+  info.write_to(&out);
+  add_table_samples(&out, gpus, labels);
+  add_record_samples(&out, gpus, labels);
   return out;
 }

@@ -1,24 +1,24 @@
 #include "serve.h"
 
-#include <httplib.h>
-#include <pthread.h>
 #include <signal.h>
 
-#include <atomic>
-#include <cerrno>
+#include <chrono>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <mutex>
-#include <thread>
+#include <exception>
+#include <string>
 
 #include "gpu_selection.h"
+#include "http_server.h"
+#include "json_report.h"
 #include "metrics.h"
 #include "zev/trace.h"
 
 namespace {
 
 const char* const kContentType = "text/plain; version=0.0.4; charset=utf-8";
+
+// Connections not accepted yet; the kernel caps it at net.core.somaxconn.
+constexpr int kListenBacklog = 1024;
 
 // With --trace, trace lines go to stderr as they come (under systemd, to
 // the journal); none is kept, so a server that runs for months does not grow.
@@ -32,116 +32,76 @@ void print_trace(zev::TraceLevel level, const char* line, void*) {
 
 void drop_trace(zev::TraceLevel, const char*, void*) {}
 
-// The monitor refreshes and is read by one scrape at a time: its refresh is
-// not made for concurrent callers, and two scrapes at once would each see a
-// record half rewritten by the other.
+// The monitor refreshes and is read by one scrape at a time: the HTTP
+// server answers requests one after the other in its one thread.
 class Scraper {
  public:
   Scraper(zev::GpuMonitor* monitor, const std::vector<unsigned long>& slots,
           const std::vector<std::string>& addresses)
-      : monitor_(monitor), slots_(slots), addresses_(addresses) {}
+      : monitor_(monitor), slots_(slots), addresses_(addresses) {
+    int major = 0, minor = 0, patch = 0;
+    monitor->get_version(&major, &minor, &patch);
+    facts_.version = ZEV_VERSION;
+    facts_.plugin_version =
+        std::to_string(major) + "." + std::to_string(minor) + "." + std::to_string(patch);
+    facts_.schema = kJsonSchemaVersion;
+  }
 
   std::string scrape() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    monitor_->update_dynamic_data();
-    return render_metrics(gpu_views(monitor_, slots_, addresses_, ""));
+    const auto start = std::chrono::steady_clock::now();
+    facts_.success = monitor_->update_dynamic_data();
+    read_pcie_throughput();
+    facts_.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    return render_metrics(gpu_views(monitor_, slots_, addresses_, ""), facts_);
   }
 
  private:
-  std::mutex mutex_;
+  // NVML reads PCIe throughput on request only. A counter it cannot read
+  // is left as it was, so both are marked unread first: never a stale or
+  // made-up 0.
+  void read_pcie_throughput() {
+    for (unsigned long i = 0; i < monitor_->nvml_get_num_gpus(); ++i) {
+      zev::GPU* gpu = monitor_->nvml_get_gpu(i);
+      if (gpu == nullptr || !served(gpu)) continue;
+      gpu->pcie_rx_throughput = gpu->pcie_tx_throughput = kPcieThroughputUnread;
+      monitor_->nvml_get_pcie_throughput(i);
+    }
+  }
+
+  bool served(const zev::GPU* gpu) {
+    for (unsigned long slot : slots_)
+      if (monitor_->get_gpu(slot) == gpu) return true;
+    return false;
+  }
+
   zev::GpuMonitor* monitor_;
   const std::vector<unsigned long> slots_;
   const std::vector<std::string> addresses_;  // of every GPU, read once
+  ScrapeFacts facts_;
 };
 
-const char* reason(int status) {
-  switch (status) {
-    case 400:
-      return "Bad Request";
-    case 404:
-      return "Not Found: the metrics are at /metrics";
-    case 405:
-      return "Method Not Allowed";
-    case 413:
-      return "Payload Too Large";
-    case 414:
-      return "URI Too Long";
-    case 431:
-      return "Request Header Fields Too Large";
-    default:
-      return "Error";
-  }
-}
-
-void set_routes(httplib::Server* server, Scraper* scraper) {
-  server->Get("/metrics", [scraper](const httplib::Request&, httplib::Response& res) {
-    res.set_content(scraper->scrape(), kContentType);
-  });
-  server->Get("/", [](const httplib::Request&, httplib::Response& res) {
-    res.set_content("gpumon: GPU metrics for Prometheus at /metrics\n", "text/plain");
-  });
-  // Other methods on the two paths: 405 with the methods that are allowed.
-  const httplib::Server::Handler not_allowed = [](const httplib::Request&, httplib::Response& res) {
-    res.status = 405;
-    res.set_header("Allow", "GET, HEAD");
-  };
-  // A request without a body is answered before the library asks for one
-  // (it wants a length on every POST); one with a body is read first.
-  server->set_pre_routing_handler(
-      [not_allowed](const httplib::Request& req, httplib::Response& res) {
-        const bool known = req.path == "/metrics" || req.path == "/";
-        const bool body = req.has_header("Content-Length") || req.has_header("Transfer-Encoding");
-        if (!known || req.method == "GET" || req.method == "HEAD" || body)
-          return httplib::Server::HandlerResponse::Unhandled;
-        not_allowed(req, res);
-        return httplib::Server::HandlerResponse::Handled;
-      });
-  for (const char* path : {"/metrics", "/"}) {
-    server->Post(path, not_allowed);
-    server->Put(path, not_allowed);
-    server->Patch(path, not_allowed);
-    server->Delete(path, not_allowed);
-    server->Options(path, not_allowed);
-  }
-  // Every error gets a one-line body saying what it is.
-  server->set_error_handler([](const httplib::Request&, httplib::Response& res) {
-    if (res.body.empty()) {
-      res.set_content(std::to_string(res.status) + " " + reason(res.status) + "\n", "text/plain");
+HttpAnswer route(Scraper* scraper, const std::string& method, const std::string& path) {
+  HttpAnswer answer;
+  if (path != "/metrics" && path != "/") {
+    answer.status = 404;
+  } else if (method != "GET" && method != "HEAD") {
+    answer.status = 405;
+    answer.allow = "GET, HEAD";
+  } else if (path == "/") {
+    answer.body = "gpumon: GPU metrics for Prometheus at /metrics\n";
+  } else {
+    try {
+      answer.body = scraper->scrape();
+      answer.content_type = kContentType;
+    } catch (const std::exception&) {
+      answer.status = 500;
+      answer.body = "500 the metrics could not be rendered\n";
     }
-  });
-  server->set_exception_handler(
-      [](const httplib::Request&, httplib::Response& res, std::exception_ptr) {
-        res.status = 500;
-        res.set_content("500 the metrics could not be rendered\n", "text/plain");
-      });
-  // Nothing here takes a body; a scrape that stalls is dropped.
-  server->set_payload_max_length(64 * 1024);
-  server->set_read_timeout(10);
-  server->set_write_timeout(10);
+  }
+  return answer;
 }
 
 }  // namespace
-
-bool parse_listen_address(const std::string& text, std::string* host, int* port) {
-  const size_t colon = text.rfind(':');
-  if (colon == std::string::npos || colon == 0) return false;
-  std::string name = text.substr(0, colon);
-  if (name.front() == '[') {
-    if (name.size() < 3 || name.back() != ']') return false;
-    name = name.substr(1, name.size() - 2);
-  } else if (name.find(':') != std::string::npos) {
-    return false;  // an IPv6 address needs its brackets
-  }
-  const std::string digits = text.substr(colon + 1);
-  if (digits.empty() || digits.size() > 5 ||
-      digits.find_first_not_of("0123456789") != std::string::npos)
-    return false;
-  const int number = std::atoi(digits.c_str());
-  if (number > 65535) return false;
-  *host = name;
-  *port = number;
-  return true;
-}
 
 int serve_metrics(zev::GpuMonitor* monitor, const Options& options) {
   const std::string& address = options.serve;
@@ -165,40 +125,29 @@ int serve_metrics(zev::GpuMonitor* monitor, const Options& options) {
   const std::vector<std::string> addresses = gpu_pci_addresses(monitor);
   std::vector<unsigned long> slots;
   std::string error;
+  int code = kExitOk;
   if (!select_gpus(options.gpus, addresses, &slots, &error)) {
     std::fprintf(stderr, "gpumon: %s\n", error.c_str());
-    pthread_sigmask(SIG_SETMASK, &old_mask, nullptr);
-    return kExitNotFound;
+    code = kExitNotFound;
   }
   Scraper scraper(monitor, slots, addresses);
-  httplib::Server server;
-  set_routes(&server, &scraper);
-
-  errno = 0;
-  if (port == 0) {
-    port = server.bind_to_any_port(host);
-  } else if (!server.bind_to_port(host, port)) {
-    port = -1;
-  }
-  const bool bound = port > 0;
-  const std::string shown = host.find(':') == std::string::npos ? host : "[" + host + "]";
-  int code = kExitOk;
-  if (!bound) {
-    std::fprintf(stderr, "gpumon: cannot listen on %s%s%s\n", address.c_str(), errno ? ": " : "",
-                 errno ? std::strerror(errno) : "");
+  HttpServer server([&scraper](const std::string& method,
+                               const std::string& path) { return route(&scraper, method, path); },
+                    HttpLimits());
+  const int fd =
+      code == kExitOk ? open_listen_socket(host, port, kListenBacklog, &port, &error) : -1;
+  if (code == kExitOk && (fd < 0 || !server.start(fd, &error))) {
+    std::fprintf(stderr, "gpumon: cannot listen on %s: %s\n", address.c_str(), error.c_str());
     code = kExitServe;
-  } else {
+  }
+  if (code == kExitOk) {
+    const std::string shown = host.find(':') == std::string::npos ? host : "[" + host + "]";
     std::fprintf(stderr, "gpumon: serving http://%s:%d/metrics\n", shown.c_str(), port);
-    std::atomic<bool> done{false};
-    std::thread listener([&] {
-      server.listen_after_bind();
-      done = true;
-    });
-    const struct timespec poll = {0, 200 * 1000 * 1000};
-    while (!done && sigtimedwait(&stop_signals, nullptr, &poll) < 0) {
-    }
+    // A stop signal ends the server within this wait; in between, requests
+    // and idle connections that ran out of time are cut.
+    const struct timespec tick = {0, 100 * 1000 * 1000};
+    while (sigtimedwait(&stop_signals, nullptr, &tick) < 0) server.enforce_deadlines();
     server.stop();
-    listener.join();
   }
   pthread_sigmask(SIG_SETMASK, &old_mask, nullptr);
   return code;

@@ -5,12 +5,9 @@
 #include <string>
 #include <vector>
 
+#include "listen_socket.h"
 #include "options.h"
 #include "zev/gpu_monitor.h"
-
-// Splits "HOST:PORT" ("[::1]:9400" for an IPv6 address) into its parts. The
-// port is 0 to 65535; 0 asks the system for a free one.
-bool parse_listen_address(const std::string& text, std::string* host, int* port);
 
 // Initialises the monitor and serves GET /metrics on options.serve (as
 // parse_listen_address reads it) until SIGINT or SIGTERM, for the GPUs

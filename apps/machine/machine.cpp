@@ -610,8 +610,14 @@ RunResult run(const std::string& dir, const std::vector<std::string>& argv, bool
     return result;
   }
 
+  const pid_t parent = getpid();
   const pid_t pid = fork();
   if (pid == 0) {
+    // The program ends with this process, however that one ends (a SIGHUP,
+    // a SIGKILL): SIGTERM lets it stop cleanly. A parent already gone
+    // before the signal was asked for is caught by its pid.
+    prctl(PR_SET_PDEATHSIG, SIGTERM);
+    if (getppid() != parent) _exit(125);
     if (capture) {
       dup2(out_pipe[1], 1);
       dup2(err_pipe[1], 2);

@@ -93,7 +93,9 @@ struct RunResult {
 // Runs argv inside the machine in a child process, with the machine's
 // libraries on the loader's path from the start and its sequenced files
 // following reads. With capture, standard output and error are collected;
-// otherwise they are inherited.
+// otherwise they are inherited. The program gets SIGTERM when the thread
+// that called run() ends without waiting for it (its process killed, say),
+// so it never outlives its parent.
 RunResult run(const std::string& dir, const std::vector<std::string>& argv, bool capture);
 
 }  // namespace machine

@@ -1,10 +1,10 @@
 // gpumon --serve end to end: Prometheus metrics of fake machines over HTTP,
-// bad requests, many scrapes at once, and a real Prometheus server scraping.
+// checked by promtool, requests good and bad, many scrapes at once, the
+// machine's child ending with its parent, and a real Prometheus server
+// scraping.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <httplib.h>
 #include <netinet/in.h>
-#include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -12,111 +12,61 @@
 
 #include <atomic>
 #include <chrono>
+#include <fstream>
 #include <nlohmann/json.hpp>
 #include <thread>
-#include <utility>
 
+#include "metric_text.h"
 #include "metrics.h"
+#include "serve_support.h"
 #include "test_support.h"
 
 namespace {
 
 using namespace testing_support;
-
-pid_t spawn(const std::vector<std::string>& argv, int out_fd, int err_fd) {
-  // The NVIDIA machines preload a fake driver, ahead of AddressSanitizer's
-  // runtime in a sanitizer build.
-  const char* asan = std::getenv("ASAN_OPTIONS");
-  const std::string options = asan != nullptr && *asan != '\0' ? std::string(asan) + ":" : "";
-  if (options.find("verify_asan_link_order=0") == std::string::npos)
-    setenv("ASAN_OPTIONS", (options + "verify_asan_link_order=0").c_str(), 1);
-  const pid_t pid = fork();
-  if (pid == 0) {
-    dup2(out_fd, 1);
-    dup2(err_fd, 2);
-    std::vector<char*> args;
-    for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-    args.push_back(nullptr);
-    execv(args[0], args.data());
-    _exit(127);
-  }
-  return pid;
-}
-
-int stop(pid_t pid) {
-  int status = 0;
-  kill(pid, SIGTERM);
-  waitpid(pid, &status, 0);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
-// gpumon --serve 127.0.0.1:0 on a machine; port() is the one it reports.
-class Served {
- public:
-  explicit Served(const std::string& machine, std::vector<std::string> args = {}) {
-    int err[2];
-    if (pipe(err) != 0) return;
-    args.insert(args.begin(), {gpumon_path(), "--serve", "127.0.0.1:0", "--machine", machine});
-    const int null = open("/dev/null", O_WRONLY);
-    pid_ = spawn(args, null, err[1]);
-    close(null);
-    close(err[1]);
-    err_ = err[0];
-    const std::string mark = "gpumon: serving http://127.0.0.1:";
-    std::string& seen = stderr_;
-    char buffer[256];
-    struct pollfd wait_for = {err_, POLLIN, 0};
-    while (seen.find("/metrics\n") == std::string::npos && poll(&wait_for, 1, 30000) == 1) {
-      const ssize_t n = read(err_, buffer, sizeof buffer);
-      if (n <= 0) break;
-      seen.append(buffer, static_cast<size_t>(n));
-    }
-    if (seen.find(mark) != std::string::npos)
-      port_ = std::atoi(seen.c_str() + seen.find(mark) + mark.size());
-  }
-  ~Served() {
-    if (pid_ > 0) stop(pid_);
-    if (err_ >= 0) close(err_);
-  }
-  int port() const { return port_; }
-  const std::string& stderr_text() const { return stderr_; }
-  // SIGTERM; the exit code.
-  int finish() { return stop(std::exchange(pid_, -1)); }
-
- private:
-  pid_t pid_ = -1;
-  int err_ = -1;
-  int port_ = 0;
-  std::string stderr_;  // up to the "serving" line
-};
+using namespace serve_support;
 
 std::string built_machine(const std::string& name) {
   return std::string(ZEV_BIN_DIR) + "/../machines/" + name;
 }
 
+std::string scrape(int port) { return round_trip(port, get_request("/metrics")).body; }
+
 // Each machine's metrics as read by its files: what a line holds, and what
-// no line may hold (unknown values are left out, not NaN).
+// no line may hold (unknown values are left out, not NaN; no label is empty).
 TEST(Serve, MetricsOfFakeMachines) {
   const std::vector<std::tuple<std::string, std::vector<std::string>, std::vector<std::string>,
                                std::vector<std::string>>>
       cases = {
           {machine_dir("amd-rdna3-rx7900xtx"),
            {},
-           {"gpumon_gpus 1\n",
-            "gpumon_gpu_clock_hertz{gpu=\"0\",name=\"Sapphire PULSE RX 7900 XTX\","
+           {"gpumon_gpus 1\n", "gpumon_scrape_success 1\n",
+            "gpumon_build_info{version=\"0.1.0\",plugin_version=\"0.1.0\",schema=\"1\"} 1\n",
+            "gpumon_gpu_clock_hertz{gpu=\"0\",name=\"AMD Radeon RX 7900 XTX\","
             "pci=\"0000:03:00.0\",clock=\"memory\"} 1249000000\n",
+            "gpumon_gpu_info{gpu=\"0\",name=\"AMD Radeon RX 7900 XTX\",pci=\"0000:03:00.0\","
+            "board_name=\"Sapphire PULSE RX 7900 XTX\",codename=\"Navi 31\",driver=\"amdgpu\","
+            "vbios_version=\"113-D7020100-102\",vendor_id=\"0x1002\",device_id=\"0x744C\","
+            "subsystem_vendor_id=\"0x1DA2\",subsystem_device_id=\"0x471E\",revision_id=\"0xC8\"} 1\n",
             "# TYPE gpumon_gpu_fan_speed_rpm gauge\n",
-            "gpumon_gpu_temperature_celsius{gpu=\"0\",name=\"Sapphire PULSE RX 7900 XTX\","
+            "gpumon_gpu_temperature_celsius{gpu=\"0\",name=\"AMD Radeon RX 7900 XTX\","
             "pci=\"0000:03:00.0\",sensor=\"memory\"} 58\n"},
-           {"energy", "NaN"}},
+           {"energy", "throttle", "pcie", "NaN", "=\"\""}},
           {built_machine("nvidia-h100-sxm"),
            {},
            {"# TYPE gpumon_gpu_energy_joules_total counter\n",
-            "gpumon_gpu_energy_joules_total{gpu=\"0\",name=\"NVIDIA H100 80GB HBM3\","
-            "pci=\"0000:18:00.0\"} 4578213.376\n",
-            "gpumon_gpu_power_limit_watts{gpu=\"0\",name=\"NVIDIA H100 80GB HBM3\","
-            "pci=\"0000:18:00.0\"} 700\n"},
-           {"fan", "NaN"}},
+            "gpumon_gpu_energy_joules_total{gpu=\"0\",name=\"NVIDIA H100 80GB HBM3\",pci=\"0000:18:00.0\"} "
+            "4578213.376\n",
+            "gpumon_gpu_power_min_limit_watts{gpu=\"0\",name=\"NVIDIA H100 80GB HBM3\",pci=\"0000:18:00.0\"} 200\n",
+            "gpumon_gpu_temperature_threshold_celsius{gpu=\"0\",name=\"NVIDIA H100 80GB HBM3\",pci=\"0000:18:00.0\","
+            "threshold=\"slowdown\"} 89\n",
+            "gpumon_gpu_clock_max_hertz{gpu=\"0\",name=\"NVIDIA H100 80GB HBM3\",pci=\"0000:18:00.0\",clock=\"core\"} "
+            "1980000000\n",
+            "gpumon_gpu_throttle_reason{gpu=\"0\",name=\"NVIDIA H100 80GB HBM3\",pci=\"0000:18:00.0\","
+            "reason=\"gpu_idle\"} 1\n",
+            "gpumon_gpu_pcie_throughput_bytes_per_second{gpu=\"0\",name=\"NVIDIA H100 80GB HBM3\",pci=\"0000:18:00.0\","
+            "direction=\"rx\"} 4015104\n"},
+           {"fan", "NaN", "=\"\""}},
           {machine_dir("amd-multi-card-gaps"),
            {"--gpu", "1"},
            {"gpumon_gpus 1\n", "{gpu=\"1\",name=\"AMD Radeon RX 6400\",pci=\"0000:45:00.0\""},
@@ -126,58 +76,124 @@ TEST(Serve, MetricsOfFakeMachines) {
   for (const auto& [machine, args, present, absent] : cases) {
     Served served(machine, args);
     ASSERT_NE(served.port(), 0) << machine << "\n" << served.stderr_text();
-    httplib::Client client("127.0.0.1", served.port());
-    const httplib::Result r = client.Get("/metrics");
-    ASSERT_TRUE(r) << machine;
-    EXPECT_EQ(r->status, 200);
-    EXPECT_EQ(r->get_header_value("Content-Type"), "text/plain; version=0.0.4; charset=utf-8");
+    const Reply r = round_trip(served.port(), get_request("/metrics"));
+    EXPECT_EQ(r.status, 200);
+    EXPECT_EQ(r.headers.at("content-type"), "text/plain; version=0.0.4; charset=utf-8");
     for (const std::string& part : present)
-      EXPECT_NE(r->body.find(part), std::string::npos) << machine << ": " << part << "\n"
-                                                       << r->body;
+      EXPECT_NE(r.body.find(part), std::string::npos) << machine << ": " << part << "\n" << r.body;
     for (const std::string& part : absent)
-      EXPECT_EQ(r->body.find(part), std::string::npos) << machine << ": " << part << "\n"
-                                                       << r->body;
+      EXPECT_EQ(r.body.find(part), std::string::npos) << machine << ": " << part << "\n" << r.body;
     EXPECT_EQ(served.finish(), 0) << machine;
   }
 }
 
-TEST(Serve, BadRequestsGetTheirStatusAndNeverStopIt) {
+// The same boards through NVML and through nvidia-smi: the same GPU labels.
+TEST(Serve, GpuLabelsAreTheSameOnEveryBackEnd) {
+  const std::string start = "gpumon_gpu_temperature_celsius{", end = ",sensor=";
+  std::vector<std::vector<std::string>> seen;
+  for (const char* machine : {"nvidia-rtx5090-rtx4080s-nvml", "nvidia-rtx5090-rtx4080s-smi"}) {
+    Served served(built_machine(machine));
+    const std::string body = scrape(served.port());
+    seen.emplace_back();
+    for (size_t at = body.find(start); at != std::string::npos; at = body.find(start, at + 1)) {
+      const size_t labels = at + start.size();
+      seen.back().push_back(body.substr(labels, body.find(end, labels) - labels));
+    }
+  }
+  ASSERT_EQ(seen[0].size(), 2u);
+  EXPECT_EQ(seen[0], seen[1]);
+}
+
+// Hand-made records: what the GPU record holds beyond the field table.
+TEST(Serve, MetricsOfRecords) {
+  zev::GPU gpu;
+  std::snprintf(gpu.name, sizeof gpu.name, "Card \"X\"");
+  gpu.vram_size_mb = 0;  // not known
+  gpu.vram_used_mb = 2048;
+  gpu.throttle_reasons = 0x44 | (1ull << 20);
+  std::snprintf(gpu.throttle_reason_text, sizeof gpu.throttle_reason_text, "Unknown");
+  const std::string text = render_metrics({GpuView{3, &gpu, "", ""}}, ScrapeFacts{});
+  for (const char* part :
+       {"gpumon_gpu_memory_used_bytes{gpu=\"3\",name=\"Card \\\"X\\\"\"} 2147483648\n",
+        "gpumon_gpu_throttle_reason{gpu=\"3\",name=\"Card \\\"X\\\"\",reason=\"sw_power_cap\"} 1\n",
+        "reason=\"hw_thermal_slowdown\"} 1\n", "reason=\"bit_20\"} 1\n",
+        "gpumon_gpu_info{gpu=\"3\",name=\"Card \\\"X\\\"\"} 1\n", "gpumon_scrape_success 1\n"})
+    EXPECT_NE(text.find(part), std::string::npos) << part << "\n" << text;
+  for (const char* part : {"memory_total", "pcie", "=\"\"", "sync_boost"})
+    EXPECT_EQ(text.find(part), std::string::npos) << part << "\n" << text;
+  gpu.vram_used_mb = -1;
+  gpu.throttle_reason_text[0] = '\0';  // not read
+  const std::string unread = render_metrics({GpuView{0, &gpu, "", ""}}, ScrapeFacts{});
+  EXPECT_EQ(unread.find("memory_used"), std::string::npos);
+  EXPECT_EQ(unread.find("throttle"), std::string::npos);
+}
+
+// promtool, Prometheus' own checker, finds nothing to say of any machine's
+// metrics (names, units, help, types, label syntax).
+TEST(Serve, PromtoolFindsNoFault) {
+  const char* promtool = "/usr/bin/promtool";
+  if (access(promtool, X_OK) != 0) GTEST_SKIP() << "no " << promtool << " (Debian's prometheus)";
+  for (const std::string& machine :
+       {machine_dir("amd-rdna3-rx7900xtx"), built_machine("nvidia-rtx5090-rtx4080s-nvml"),
+        built_machine("nvidia-h100-sxm"), machine_dir("intel-arc-a770-i915")}) {
+    Served served(machine);
+    TempMachine dir(Files{{"metrics.txt", scrape(served.port())}});
+    const std::string file = dir.dir() + "/metrics.txt";
+    const std::string out = dir.dir() + "/promtool.txt";
+    const std::string command =
+        std::string(promtool) + " check metrics < " + file + " > " + out + " 2>&1";
+    EXPECT_EQ(std::system(command.c_str()), 0) << machine << "\n" << read_file(out);
+    EXPECT_EQ(read_file(out), "") << machine;
+  }
+}
+
+TEST(Serve, RequestsGetTheirStatusAndNeverStopIt) {
   Served served(machine_dir("amd-rdna3-rx7900xtx"));
   ASSERT_NE(served.port(), 0);
-  httplib::Client client("127.0.0.1", served.port());
   const std::string huge(20000, 'x');
-  const std::vector<std::tuple<std::string, std::string, httplib::Headers, std::string, int>>
-      cases = {
-          {"GET", "/nothing-here", {}, "", 404},
-          {"POST", "/metrics", {}, "", 405},
-          {"DELETE", "/metrics", {}, "", 405},
-          {"PUT", "/", {}, "x=1", 405},
-          {"POST", "/metrics", {}, std::string(100000, 'x'), 413},
-          {"GET", "/metrics?" + huge, {}, "", 414},
-          {"GET", "/metrics", {{"X-Huge", huge}}, "", 400},  // the library's answer; 431 elsewhere
-          {"GET", "/", {}, "", 200},
-      };
-  for (const auto& [method, path, headers, body, status] : cases) {
-    httplib::Request request;
-    request.method = method;
-    request.path = path;
-    request.headers = headers;
-    request.body = body;
-    const httplib::Result r = client.send(request);
-    ASSERT_TRUE(r) << method << " " << path.substr(0, 20);
-    EXPECT_EQ(r->status, status) << method << " " << path.substr(0, 20);
+  const std::vector<std::tuple<std::string, int, std::string>> cases = {
+      {get_request("/nothing-here"), 404, ""},
+      {"POST /nothing-here HTTP/1.1\r\nHost: x\r\n\r\n", 404, ""},
+      {"POST /metrics HTTP/1.1\r\nHost: x\r\n\r\n", 405, "GET, HEAD"},
+      {"DELETE /metrics HTTP/1.1\r\nHost: x\r\n\r\n", 405, "GET, HEAD"},
+      {"PUT / HTTP/1.1\r\nHost: x\r\nContent-Length: 3\r\n\r\nx=1", 405, "GET, HEAD"},
+      {"POST /metrics HTTP/1.1\r\nHost: x\r\nContent-Length: 100000\r\n\r\n", 413, ""},
+      {get_request("/metrics?" + huge), 414, ""},
+      {get_request("/metrics", "X-Huge: " + huge + "\r\n"), 431, ""},
+      {"GET /metrics HTTP/1.1\r\n\r\n", 400, ""},  // HTTP/1.1 needs a Host
+      {get_request("/"), 200, ""},
+      {"HEAD /metrics HTTP/1.1\r\nHost: x\r\n\r\n", 200, ""},
+  };
+  for (const auto& [request, status, allow] : cases) {
+    Reply r = round_trip(served.port(), request, 2000);
+    const std::string shown = request.substr(0, 24);
+    EXPECT_EQ(r.status, status) << shown;
+    if (!allow.empty()) {
+      EXPECT_EQ(r.headers["allow"], allow) << shown;
+    }
+    if (request.rfind("HEAD", 0) == 0) {
+      EXPECT_EQ(r.body, "");
+      EXPECT_GT(std::atoi(r.headers["content-length"].c_str()), 1000);
+    }
   }
+  // Kept alive and pipelined: three requests sent at once, three answers in
+  // order on the same connection.
+  const int fd = connect_loopback(served.port());
+  ASSERT_TRUE(send_text(fd, get_request("/metrics") + get_request("/") + get_request("/metrics")));
+  std::string pending;
+  for (const char* start : {"# HELP gpumon_build_info", "gpumon: GPU metrics", "# HELP"}) {
+    Reply r;
+    ASSERT_TRUE(read_reply(fd, &r, 2000, &pending));
+    EXPECT_EQ(r.body.rfind(start, 0), 0u) << r.body.substr(0, 40);
+  }
+  close(fd);
   // Many scrapes at once: every one answered whole.
   std::vector<std::thread> scrapers;
   std::atomic<int> whole{0};
   for (int t = 0; t < 16; ++t) {
     scrapers.emplace_back([&] {
-      httplib::Client c("127.0.0.1", served.port());
-      for (int i = 0; i < 4; ++i) {
-        const httplib::Result r = c.Get("/metrics");
-        if (r && r->status == 200 && r->body.find("gpumon_gpu_fan_speed_rpm{") != std::string::npos)
-          ++whole;
-      }
+      for (int i = 0; i < 4; ++i)
+        whole += scrape(served.port()).find("gpumon_gpu_fan_speed_rpm{") != std::string::npos;
     });
   }
   for (std::thread& t : scrapers) t.join();
@@ -201,6 +217,23 @@ TEST(Serve, CommandLineErrors) {
   }
 }
 
+// gpumon --machine runs the server as its child: killed, it takes the
+// server with it.
+TEST(Serve, TheServerEndsWithItsParent) {
+  Served served(machine_dir("amd-rdna3-rx7900xtx"));
+  const pid_t server = served.server_pid();
+  ASSERT_GT(server, 0);
+  const std::string stat = "/proc/" + std::to_string(server) + "/stat";
+  ASSERT_EQ(served.finish(SIGKILL), 128 + SIGKILL);
+  bool gone = false;
+  for (int i = 0; i < 100 && !gone; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    const std::string text = read_file(stat);
+    gone = text.empty() || text.find(") Z ") != std::string::npos;
+  }
+  EXPECT_TRUE(gone);
+}
+
 TEST(Serve, LabelValuesAreEscaped) {
   const std::vector<std::pair<std::string, std::string>> cases = {
       {"a \"quoted\" name", "a \\\"quoted\\\" name"},
@@ -211,18 +244,6 @@ TEST(Serve, LabelValuesAreEscaped) {
        "\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD end"},
   };
   for (const auto& [raw, escaped] : cases) EXPECT_EQ(escape_label_value(raw), escaped) << raw;
-}
-
-int free_port() {
-  const int s = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof address;
-  bind(s, reinterpret_cast<sockaddr*>(&address), sizeof address);
-  getsockname(s, reinterpret_cast<sockaddr*>(&address), &length);
-  close(s);
-  return ntohs(address.sin_port);
 }
 
 // A real Prometheus server scrapes gpumon every second; its query API then
@@ -245,14 +266,14 @@ TEST(Serve, PrometheusScrapesIt) {
                               "--web.listen-address=127.0.0.1:" + std::to_string(port)},
                              log, log);
   close(log);
-  httplib::Client client("127.0.0.1", port);
   nlohmann::json sample;
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
   while (sample.is_null() && std::chrono::steady_clock::now() < deadline) {
     std::this_thread::sleep_for(std::chrono::milliseconds(250));
-    const httplib::Result r = client.Get("/api/v1/query?query=gpumon_gpu_energy_joules_total");
-    if (!r || r->status != 200) continue;
-    const nlohmann::json answer = nlohmann::json::parse(r->body, nullptr, false);
+    const Reply r = round_trip(
+        port, "GET /api/v1/query?query=gpumon_gpu_energy_joules_total HTTP/1.0\r\n\r\n");
+    if (r.status != 200) continue;
+    const nlohmann::json answer = nlohmann::json::parse(r.body, nullptr, false);
     if (!answer.is_discarded() && !answer["data"]["result"].empty())
       sample = answer["data"]["result"][0];
   }
