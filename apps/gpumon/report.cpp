@@ -9,6 +9,9 @@
 
 namespace {
 
+// The widest the default table gets.
+constexpr size_t kTableWidth = 120;
+
 bool known(float v) { return v != -1.0f; }
 
 std::string hex4(uint64_t v) {
@@ -16,9 +19,6 @@ std::string hex4(uint64_t v) {
   std::snprintf(text, sizeof text, "%04llX", static_cast<unsigned long long>(v));
   return text;
 }
-
-// Bus numbers of 1000 and above are placeholders for "not read".
-bool bus_known(const zev::GPU* gpu) { return gpu->bus_id >= 0 && gpu->bus_id <= 999; }
 
 // Unit counts from the database: 0 is "not known", and so is -1 stored in an
 // unsigned field.
@@ -59,11 +59,29 @@ std::string fans_text(const zev::GPU* gpu) {
   return text;
 }
 
-std::string columns(const std::vector<std::vector<std::string>>& rows) {
+// A field's text as --query shows it ("-" when unknown).
+std::string field_text(const char* name, const GpuView& view) {
+  const GpuField* field = find_query_field(name);
+  const FieldValue value = field != nullptr ? field->read(view) : FieldValue::unknown();
+  return value.kind == FieldValue::kText ? value.text : "-";
+}
+
+// The rows as columns two blanks apart; with a `limit`, the names (column 1)
+// are cut short so that no line is wider.
+std::string columns(std::vector<std::vector<std::string>> rows, size_t limit) {
   std::vector<size_t> width;
   for (const auto& row : rows) {
     if (width.size() < row.size()) width.resize(row.size(), 0);
     for (size_t c = 0; c < row.size(); ++c) width[c] = std::max(width[c], row[c].size());
+  }
+  size_t total = 0;
+  for (size_t w : width) total += w + 2;
+  total -= 2;
+  if (limit != 0 && total > limit && width.size() > 1) {
+    const size_t name = std::max<size_t>(width[1] - (total - limit), 8);
+    for (auto& row : rows)
+      if (row[1].size() > name) row[1] = row[1].substr(0, name - 1) + "~";
+    width[1] = name;
   }
   std::string out;
   for (const auto& row : rows) {
@@ -86,23 +104,22 @@ std::string format_value(float value, int decimals) {
   return text;
 }
 
-std::string render_table(zev::GpuMonitor* monitor, const std::vector<GpuView>& gpus) {
-  std::vector<std::vector<std::string>> rows = {
-      {"GPU", "Name", "Chip", "Shaders/TMUs/ROPs", "TDP W", "PCI", "Bus", "Temp C", "Mem C",
-       "Core %", "Mem %", "Core MHz", "Mem MHz", "Power W", "Fans"}};
+std::string render_table(zev::GpuMonitor* monitor, const std::vector<GpuView>& gpus, bool wide) {
+  std::vector<std::string> header = {"GPU", "Name", "PCI", "Temp C", "Mem C", "Core %",
+                                     "Mem %", "Core MHz", "Mem MHz", "Power W", "Fans"};
+  if (wide) {
+    header.insert(header.begin() + 3, {"ID", "Rev", "Bus", "Chip", "Shaders/TMUs/ROPs", "TDP W"});
+  }
+  std::vector<std::vector<std::string>> rows = {header};
   for (const GpuView& view : gpus) {
     const zev::GPU* gpu = view.gpu;
-    const bool pci = gpu->vendor_id != 0 || gpu->device_id != 0;
-    rows.push_back({
+    std::vector<std::string> row = {
         std::to_string(view.slot),
         display_name(*gpu)[0] ? display_name(*gpu) : "-",
-        gpu->codename[0] ? gpu->codename : "-",
-        units_text(gpu),
-        count_text(gpu->tdp_w),
-        pci ? hex4(gpu->vendor_id) + ":" + hex4(gpu->device_id) : "-",
-        bus_known(gpu) ? std::to_string(gpu->bus_id) : "-",
-        with_range(gpu->temperatures[0].current, gpu->temperatures[0].min,
-                   gpu->temperatures[0].max),
+        view.pci_address.empty() ? "-" : view.pci_address,
+        wide ? with_range(gpu->temperatures[0].current, gpu->temperatures[0].min,
+                          gpu->temperatures[0].max)
+             : format_value(gpu->temperatures[0].current, 0),
         format_value(gpu->temperatures[2].current, 0),
         format_value(gpu->core_usage[0], 0),
         format_value(gpu->memory_usage[0], 0),
@@ -110,13 +127,21 @@ std::string render_table(zev::GpuMonitor* monitor, const std::vector<GpuView>& g
         format_value(gpu->memory_clock.current, 0),
         format_value(gpu->power.watts, 0),
         fans_text(gpu),
-    });
+    };
+    if (wide) {
+      const bool pci = gpu->vendor_id != 0 || gpu->device_id != 0;
+      row.insert(row.begin() + 3,
+                 {pci ? hex4(gpu->vendor_id) + ":" + hex4(gpu->device_id) : "-",
+                  field_text("pci.revision", view), field_text("pci.bus", view),
+                  gpu->codename[0] ? gpu->codename : "-", units_text(gpu), count_text(gpu->tdp_w)});
+    }
+    rows.push_back(row);
   }
   std::string out;
   if (monitor->get_num_gpus() == 0) {
     out += "No GPU found.\n";
   } else {
-    out += columns(rows);
+    out += columns(rows, wide ? 0 : kTableWidth);
   }
   out += "\n";
   const char* cpu = monitor->get_cpu_name();

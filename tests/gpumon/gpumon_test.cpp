@@ -33,12 +33,10 @@ TEST(Gpumon, StartUpSummaryAndTable) {
       {"amd-sriov-vf-no-hwmon",
        {"Num GPUs detected: 1", "> GPU0", "  - name: AMD Radeon Pro V520",
         "  - PCI codes: 0x1002-0x7362", "  - VBIOS: 113-D3980100-O00"},
-       {"GPU  Name                 Chip     Shaders/TMUs/ROPs  TDP W  PCI        Bus  Temp C  Mem "
-        "C  "
-        "Core %  Mem %  Core MHz  Mem MHz  Power W  Fans",
-        "0    AMD Radeon Pro V520  Navi 12  2304/144/64        225    1002:7362  -    -       -    "
-        "  "
-        "0       -      -         -        -        -",
+       {"GPU  Name                 PCI           Temp C  Mem C  Core %  Mem %  Core MHz  Mem MHz  "
+        "Power W  Fans",
+        "0    AMD Radeon Pro V520  0000:00:1e.0  -       -      0       -      -         -        "
+        "-        -",
         "", "CPU: AMD EPYC 7R32, 2800 MHz", "OS:  Linux 6.8.0-1015-aws 64-bit"}},
       {"arm64-no-cpu-mhz", {"Num GPUs detected: 0"}, {"No GPU found.", "", "CPU: -, - MHz"}},
   };
@@ -177,7 +175,7 @@ TEST(Gpumon, WatchRefreshesUntilTheCount) {
   // With --query: the header once, then a line per GPU and refresh.
   r = run_gpumon({"--query", "index,temperature.gpu", "--format", "nounits,csv", "--watch", "0.2",
                   "--count", "3", "--machine", machine_dir("amd-rdna3-rx7900xtx")});
-  EXPECT_EQ(r.out, "index, temperature.gpu [C]\n0, 52\n0, 54\n0, 57\n");
+  EXPECT_EQ(r.out, "index, temperature.gpu\n0, 52\n0, 54\n0, 57\n");
 }
 
 // --query as nvidia-smi prints it, and --gpu picking GPUs by slot or PCI
@@ -188,14 +186,19 @@ TEST(Gpumon, QueryAndGpuSelection) {
   const std::string fields = "index,name,pci.bus_id,temperature.gpu,power.draw,fan.speed";
   const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
       {{"--query", fields, "--machine", amd},
-       "index, name, pci.bus_id, temperature.gpu [C], power.draw [W], fan.speed [%]\n"
-       "0, Sapphire PULSE RX 7900 XTX, 0000:03:00.0, 52 C, 86 W, [N/A]\n"},
+       "index, name, pci.bus_id, temperature.gpu, power.draw [W], fan.speed [%]\n"
+       "0, Sapphire PULSE RX 7900 XTX, 00000000:03:00.0, 52, 86.00 W, [N/A]\n"},
       {{"--query", fields, "--format", "csv,noheader,nounits", "--machine", amd},
-       "0, Sapphire PULSE RX 7900 XTX, 0000:03:00.0, 52, 86, [N/A]\n"},
-      {{"--query", "index,pci.bus_id", "--format=csv,noheader", "--machine", two},
-       "0, 0000:23:00.0\n1, 0000:45:00.0\n"},
-      {{"--gpu", "1", "--query", "index,pci.bus_id", "--format=csv,noheader", "--machine", two},
-       "1, 0000:45:00.0\n"},
+       "0, Sapphire PULSE RX 7900 XTX, 00000000:03:00.0, 52, 86.00, [N/A]\n"},
+      {{"--query", "index,pci.bus_id,pci.domain,pci.bus,pci.device", "--format=csv,noheader",
+        "--machine", two},
+       "0, 00000000:23:00.0, 0x0000, 0x23, 0x00\n1, 00000000:45:00.0, 0x0000, 0x45, 0x00\n"},
+      {{"-i", "1", "--query-gpu=index,gpu_bus_id,count", "--format=csv,noheader", "--machine", two},
+       "1, 00000000:45:00.0, 2\n"},
+      // gpumon's own fields print as before: the unit after the number.
+      {{"--id=0", "--query", "temperature.gpu.highest,pci.revision,pci.device_id_only",
+        "--format=csv,noheader", "--machine", amd},
+       "52 C, 0xC8, 0x744C\n"},
       {{"--gpu", "45:00.0,0", "--query", "index", "--format=csv,noheader", "--machine", two},
        "0\n1\n"},
       {{"--gpu", "0000:45:00.0", "--query", "index", "--format=csv,noheader", "--machine", two},
@@ -279,6 +282,17 @@ TEST(Gpumon, ErrorsAreClear) {
       {{"--machine", "/nonexistent/machine"}, 3, "cannot run in machine /nonexistent/machine"},
       {{"--machine", junk.dir()}, 3, "is not a machine folder"},
       {{"--machine", ""}, 2, "--machine needs a machine folder"},
+      // Options the chosen output would ignore.
+      {{"--gl-info", "--query", "index"}, 2, "--query does not apply to --gl-info"},
+      {{"--lookup", "10DE:2B85", "--machine", "x"}, 2, "--machine does not apply to --lookup"},
+      {{"--lookup", "10DE:2B85", "--gl-info"}, 2, "--gl-info does not apply to --lookup"},
+      {{"--size", "10x10"}, 2, "--size does not apply to the GPU report"},
+      {{"--overlay", "x.png", "-i", "0"}, 2, "--gpu does not apply to --overlay"},
+      {{"--serve", "127.0.0.1:0", "--json"}, 2, "--json does not apply to --serve"},
+      {{"--wide", "--json"}, 2, "--wide applies to the table"},
+      {{"--no-tui"}, 2, "--no-tui only goes with --watch"},
+      {{"-l", "0"}, 2, "positive, finite number of seconds"},
+      {{"--query-gpu", "clocks.bogus"}, 2, "no field 'clocks.bogus'"},
   };
   for (const auto& [args, code, message] : cases) {
     const machine::RunResult r = run_gpumon(args);
@@ -288,7 +302,10 @@ TEST(Gpumon, ErrorsAreClear) {
     EXPECT_EQ(r.out, "");
   }
   EXPECT_NE(run_gpumon({"--help"}).out.find("Exit codes: 0"), std::string::npos);
-  EXPECT_NE(run_gpumon({"--help-query"}).out.find("clocks.max.gr [MHz]"), std::string::npos);
+  const std::string help_query = run_gpumon({"--help-query"}).out;
+  for (const char* line : {"  clocks.max.gr [MHz]", "  clocks.current.sm, clocks.sm [MHz]",
+                           "  clocks_event_reasons.active, clocks_throttle_reasons.active"})
+    EXPECT_NE(help_query.find(line), std::string::npos) << line;
   EXPECT_EQ(run_gpumon({"--version"}).out.rfind("gpumon 0.1.0 (JSON schema version 1)", 0), 0u);
 }
 
@@ -306,7 +323,9 @@ TEST(Gpumon, LookupOfAPciId) {
       {{"--lookup", "8086:e20b"}, 0, {"codename:   Battlemage BMG-G21\n"}},
       {{"--json", "--lookup", "1002:7551:C1"},
        0,
-       {"\"adapter_name\": \"AMD Radeon AI PRO R9700S\"", "\"id\": \"1002:7551:C1\""}},
+       {"\"schema_version\": 1", "\"adapter_name\": \"AMD Radeon AI PRO R9700S\"",
+        "\"id\": \"1002:7551:C1\"", "\"device_id\": \"0x7551\""}},
+      {{"--json", "--lookup", "10DE:2B85"}, 0, {"\"subvendor_id\": \"0x10DE\""}},
       {{"--lookup", "1002:7550:C5"}, 1, {"not in the GPU database"}},
   };
   for (const auto& [args, code, parts] : cases) {

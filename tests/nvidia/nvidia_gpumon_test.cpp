@@ -135,11 +135,11 @@ TEST(NvidiaGpumon, NvmlMachinesAsAHostSeesThem) {
             "pci": {"vendor_id": "0x10DE", "device_id": "0x2330", "bus": "0x18", "address": null},
             "driver": {"version": null}, "monitorable": true, "memory_bus_width_bits": 5120,
             "units": {"shaders": 16896, "texture_units": null, "rops": 24},
-            "temperature_c": {"core": 32, "memory": null, "shutdown_threshold": 92,
+            "temperature_c": {"core": 33, "memory": null, "shutdown_threshold": 92,
                               "slowdown_threshold": 89, "gpu_max_threshold": 87},
-            "clock_mhz": {"core": 345, "memory": 2619, "core_max": 1980, "memory_max": 2619},
-            "utilization_percent": {"core": 0, "memory": 0},
-            "power_w": {"tdp": null, "draw": 71.234, "enforced_limit": 700, "default_limit": 700,
+            "clock_mhz": {"core": 1755, "memory": 2619, "core_max": 1980, "memory_max": 2619},
+            "utilization_percent": {"core": 37, "memory": 12},
+            "power_w": {"tdp": null, "draw": 305.778, "enforced_limit": 700, "default_limit": 700,
                         "min_limit": 200, "max_limit": 700},
             "energy_j": 4578213.376, "fans": []}])",
        "smi=0"},
@@ -195,10 +195,10 @@ TEST(NvidiaGpumon, NvidiaSmiMachinesAsAHostSeesThem) {
        R"([{"name": "NVIDIA GeForce RTX 5090 Founders Edition", "memory_total_mib": 32607,
             "pci": {"subsystem_vendor_id": "0x10DE", "subsystem_device_id": "0x2057"},
             "units": {"shaders": 21760, "texture_units": 680}, "power_w": {"draw": 27},
-            "temperature_c": {"memory": null}, "fans": []},
+            "temperature_c": {"memory": null}},
            {"pci": {"vendor_id": "0x10DE", "device_id": "0x2702", "bus": "0x04"},
             "units": {"rops": 112}}])",
-       "smi=29 nvml=nvmlInit_v2"},
+       "smi=45 nvml=nvmlInit_v2"},
       // Eight nvidia-smi processes per GPU and refresh; its one fan in RPM.
       {"refreshed", on(kSmi), "--watch 0.01 --count 2", "",
        R"([{"fans": [{"speed_percent": null, "speed_rpm": 30}], "power_w": {"draw": 27},
@@ -235,7 +235,7 @@ TEST(NvidiaGpumon, NvidiaSmiMachinesAsAHostSeesThem) {
        ""},
       // A garbled count stops once the list is full.
       {"count -1", answering("count -1\ngpu 0\nname NVIDIA GeForce RTX 4090\n"), "", "",
-       sixteen + "]", "smi=225"},
+       sixteen + "]", "smi=353"},
       // Without nvidia-smi either, DRM keeps the NVIDIA cards.
       {"no nvidia-smi", on(kSmi, "bin/nvidia-smi"), "", "num GPUs in DRM: 2",
        R"([{"pci": {"device_id": "0x2B85"}, "monitorable": false},
@@ -248,10 +248,12 @@ TEST(NvidiaGpumon, NvidiaSmiMachinesAsAHostSeesThem) {
 TEST(NvidiaGpumon, TheTableShowsTheH100) {
   const Machine machine(kH100);
   nvidia_test::allow_preloading();
-  const machine::RunResult r = testing_support::run_gpumon({"--machine", machine.dir()});
+  const machine::RunResult r =
+      testing_support::run_gpumon({"--machine", machine.dir(), "--wide"});
   ASSERT_EQ(r.exit_code, 0) << r.err;
-  EXPECT_NE(r.out.find("NVIDIA H100 80GB HBM3  GH100  16896/-/24         -      10DE:2330  24   "
-                       "32 (32-32)  -      0       0      345       2619     71       -"),
+  // The values of one refresh; no /sys, so no PCI address, and the bus in hex.
+  EXPECT_NE(r.out.find("NVIDIA H100 80GB HBM3  -    10DE:2330  -    0x18  GH100  16896/-/24         "
+                       "-      33 (32-33)  -      37      12     1755      2619     306      -"),
             std::string::npos)
       << r.out;
 }
