@@ -222,13 +222,26 @@ std::vector<Row> layout_live_view(const std::vector<GpuView>& gpus, const LiveSt
                                   int width, int height) {
   std::vector<Row> rows;
   if (width < kMinColumns || height < kMinRows) {
-    Row row = {{0, "gpumon: the terminal is " + std::to_string(width) + "x" +
-                       std::to_string(height) + "; the live view needs " +
-                       std::to_string(kMinColumns) + "x" + std::to_string(kMinRows) +
-                       " (q quits)",
-                Tone::kHot}};
-    clip(&row, width);
-    rows.push_back(row);
+    // Said in as many rows as it takes, broken between words.
+    const std::string message = "gpumon: the terminal is " + std::to_string(width) + "x" +
+                                std::to_string(height) + "; the live view needs " +
+                                std::to_string(kMinColumns) + "x" + std::to_string(kMinRows) +
+                                " (q quits)";
+    std::string line;
+    size_t at = 0;
+    while (at < message.size() && static_cast<int>(rows.size()) < height) {
+      size_t end = message.find(' ', at);
+      if (end == std::string::npos) end = message.size();
+      const std::string word = message.substr(at, end - at);
+      if (!line.empty() && static_cast<int>(line.size() + 1 + word.size()) > width) {
+        rows.push_back({{0, line, Tone::kHot}});
+        line.clear();
+      }
+      line += (line.empty() ? "" : " ") + word;
+      at = end + 1;
+    }
+    if (!line.empty() && static_cast<int>(rows.size()) < height) rows.push_back({{0, line, Tone::kHot}});
+    for (Row& row : rows) clip(&row, width);
     return rows;
   }
   RowBuilder title;

@@ -159,6 +159,10 @@ bool show(Report* report, long refresh) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  // Whole reports stay in the buffer until written on purpose, so that the
+  // reason of a failed write is the one errno holds then.
+  static char output_buffer[1 << 20];
+  std::setvbuf(stdout, output_buffer, _IOFBF, sizeof output_buffer);
   Options options;
   std::string error;
   if (!parse_options(argc, argv, &options, &error)) {

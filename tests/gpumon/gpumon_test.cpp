@@ -309,6 +309,43 @@ TEST(Gpumon, ErrorsAreClear) {
   EXPECT_EQ(run_gpumon({"--version"}).out.rfind("gpumon 0.1.0 (JSON schema version 1)", 0), 0u);
 }
 
+// Output that cannot be written (a full disk) fails with the reason.
+TEST(Gpumon, OutputThatCannotBeWrittenFails) {
+  const std::string machine = " --machine " + machine_dir("amd-rdna3-rx7900xtx");
+  for (const std::string& args :
+       {machine, machine + " --json", machine + " --query index -l 0.05 --count 2",
+       std::string(" --lookup 10DE:2B85"), std::string(" --help-query")}) {
+    // stderr into the pipe, stdout to the full device.
+    FILE* pipe = popen(("'" + gpumon_path() + "'" + args + " 2>&1 >/dev/full").c_str(), "r");
+    ASSERT_NE(pipe, nullptr);
+    std::string err;
+    char buffer[512];
+    for (size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;) err.append(buffer, n);
+    const int status = pclose(pipe);
+    EXPECT_EQ(WEXITSTATUS(status), 6) << args;
+    EXPECT_EQ(err, "gpumon: cannot write to standard output: No space left on device\n") << args;
+  }
+}
+
+// The table fits 120 columns on every recorded machine; --wide adds the
+// static facts, a revision 0x00 included.
+TEST(Gpumon, TheTableFitsAHundredAndTwentyColumns) {
+  for (const auto& entry : std::filesystem::directory_iterator(machine_dir(""))) {
+    if (!std::filesystem::exists(entry.path() / "README.md") ||
+        std::filesystem::exists(entry.path() / "fakes"))
+      continue;
+    const machine::RunResult r = run_gpumon({"--machine", entry.path().string()});
+    ASSERT_EQ(r.exit_code, 0) << entry.path() << r.err;
+    for (const std::string& line : lines_of(r.out))
+      EXPECT_LE(line.size(), 120u) << entry.path() << "\n" << line;
+  }
+  const machine::RunResult r = run_gpumon({"--wide", "--machine", machine_dir("intel-arc-b580-xe")});
+  EXPECT_NE(r.out.find("0    Intel Arc B580 Limited Edition  0000:03:00.0  8086:E20B  0x00  0x03  "
+                       "Battlemage BMG-G21  2560/160/80        190    47 (47-47)"),
+            std::string::npos)
+      << r.out;
+}
+
 // --lookup: what the database says of any PCI id (hex).
 TEST(Gpumon, LookupOfAPciId) {
   const std::vector<std::tuple<std::vector<std::string>, int, std::vector<std::string>>> cases = {
