@@ -1,6 +1,7 @@
 #include "live_view.h"
 
 #include <curses.h>
+#include <termcap.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -118,6 +119,11 @@ bool live_view_possible(std::string* why) {
   const char* term = std::getenv("TERM");
   if (term == nullptr || *term == '\0') {
     *why = "TERM is not set";
+    return false;
+  }
+  // Asked first, as newterm leaks what it made for a type it does not know.
+  if (tgetent(nullptr, term) != 1) {
+    *why = std::string("the terminal type '") + term + "' is not known";
     return false;
   }
   return true;
