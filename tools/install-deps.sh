@@ -1,17 +1,36 @@
 #!/usr/bin/env bash
-# Installs the Debian packages the build, gpumon and the tests need, when a
-# machine lacks them. Safe to run again.
+# Installs the Debian packages a machine lacks. Safe to run again.
+#   tools/install-deps.sh          what building and running gpumon needs
+#   tools/install-deps.sh --test   that, and what the tests and CI need
 set -euo pipefail
 
-packages=(
-  cmake ninja-build g++ make pkg-config python3
-  libgtest-dev libgmock-dev libbenchmark-dev
+# Building the plug-in, the host library and gpumon, and running them.
+build_packages=(
+  cmake g++ make pkg-config
   nlohmann-json3-dev
   libegl-dev libgl-dev libegl-mesa0 libgl1-mesa-dri
   libpng-dev libfreetype-dev libstb-dev fonts-dejavu-core
-  g++-aarch64-linux-gnu
-  libmicrohttpd-dev prometheus prometheus-node-exporter
+  libmicrohttpd-dev libncurses-dev
 )
+# The tests, the benchmarks and the rest of CI: the second generator, the
+# arm64 cross build, a Prometheus server to scrape --serve, tmux for the live
+# view, the Debian package's checks.
+test_packages=(
+  ninja-build python3
+  libgtest-dev libgmock-dev libbenchmark-dev
+  g++-aarch64-linux-gnu
+  prometheus prometheus-node-exporter tmux lintian
+)
+
+packages=("${build_packages[@]}")
+case "${1:-}" in
+  "") ;;
+  --test) packages+=("${test_packages[@]}") ;;
+  *)
+    echo "usage: tools/install-deps.sh [--test]" >&2
+    exit 2
+    ;;
+esac
 
 missing=()
 for p in "${packages[@]}"; do

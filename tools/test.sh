@@ -3,12 +3,13 @@
 # AddressSanitizer with UndefinedBehaviorSanitizer; then the update thread's
 # tests under ThreadSanitizer; between the two, it builds the plug-in for
 # 64-bit Arm boards. The plain build is also installed into a temporary
-# prefix and a host is built against it.
+# prefix and a host is built against it, and packaged, checked, installed
+# and removed as a Debian package.
 # The tests lay out fake machines in private mount namespaces: run as root
 # (or where unprivileged user namespaces are allowed).
 set -euo pipefail
 cd "$(dirname "$0")/.."
-./tools/install-deps.sh
+./tools/install-deps.sh --test
 jobs="$(nproc)"
 
 # The plain build uses the Unix Makefiles generator, the others Ninja: both
@@ -21,6 +22,9 @@ ctest --test-dir build-make -j"$jobs" --output-on-failure
 echo "== install: the plain build into a prefix, a host built against it; optional parts"
 ./tools/install-test.sh build-make
 ./tools/optional-parts-test.sh
+
+echo "== Debian package: cpack -G DEB, lintian, dpkg -i, the installed gpumon, dpkg -r"
+./tools/package-test.sh build-make
 
 echo "== AddressSanitizer + UndefinedBehaviorSanitizer build"
 cmake -S . -B build-asan -G Ninja -DZEV_SANITIZE=address -DZEV_BUILD_BENCHMARKS=OFF >/dev/null

@@ -57,6 +57,16 @@ FieldValue threshold(int32_t celsius) {
   return celsius > 0 ? FieldValue::of(celsius) : FieldValue::unknown();
 }
 
+// A number of the PCI address ("0000:03:00.0"; 0 domain, 1 bus, 2 device)
+// as hex of `digits` digits.
+FieldValue address_part(const GpuView& v, int part, int digits) {
+  unsigned long parts[4] = {0, 0, 0, 0};
+  if (std::sscanf(v.pci_address.c_str(), "%lx:%lx:%lx.%lx", &parts[0], &parts[1], &parts[2],
+                  &parts[3]) != 4)
+    return FieldValue::unknown();
+  return FieldValue::of(hex(parts[part], digits));
+}
+
 const zev::gpuFanSpeed* first_fan(const GPU& gpu) {
   return gpu.fans != nullptr && gpu.num_fans > 0 ? &gpu.fans[0] : nullptr;
 }
@@ -77,6 +87,8 @@ const std::vector<GpuField> kFields = {
      [](const GpuView& v) { return FieldValue::of(v.timestamp); }},
     {"index", "index", "", "the GPU's slot in the monitor's list (what --gpu takes)",
      [](const GpuView& v) { return FieldValue::of(static_cast<double>(v.slot)); }},
+    {"count", nullptr, "", "how many GPUs the monitor found",
+     [](const GpuView& v) { return FieldValue::of(static_cast<double>(v.count)); }},
     {"name", "name", "", "the name shown: the board's name where known, else the device's",
      [](const GpuView& v) { return FieldValue::of(display_name(*v.gpu)); }},
     {"device_name", "device_name", "", "the device's (chip's) product name",
@@ -112,14 +124,23 @@ const std::vector<GpuField> kFields = {
      }},
     {"pci.vendor", "pci.vendor_id", "", "PCI vendor id (hex)",
      [](const GpuView& v) { return hex_id(v.gpu->vendor_id); }},
-    {"pci.device", "pci.device_id", "", "PCI device id (hex)",
+    {"pci.device_id_only", "pci.device_id", "", "PCI device id alone (hex)",
      [](const GpuView& v) { return hex_id(v.gpu->device_id); }},
+    {"pci.domain", nullptr, "", "PCI domain (hex), 0x0000",
+     [](const GpuView& v) { return address_part(v, 0, 4); }},
+    {"pci.device", nullptr, "", "the device's number on its PCI bus (hex), 0x00",
+     [](const GpuView& v) { return address_part(v, 2, 2); }},
     {"pci.sub_vendor", "pci.subsystem_vendor_id", "", "PCI sub-system vendor id (hex)",
      [](const GpuView& v) { return hex_id(v.gpu->subvendor_id); }},
     {"pci.sub_device", "pci.subsystem_device_id", "", "PCI sub-system device id (hex)",
      [](const GpuView& v) { return hex_id(v.gpu->subdevice_id); }},
     {"pci.revision", "pci.revision_id", "", "PCI revision id (hex)",
-     [](const GpuView& v) { return hex_id(v.gpu->revision_id, 2); }},
+     [](const GpuView& v) {
+       // The record keeps 0 for "not read"; /sys tells a real revision 0x00.
+       if (v.gpu->revision_id != 0) return hex_id(v.gpu->revision_id, 2);
+       return v.pci_revision >= 0 ? FieldValue::of(hex(static_cast<uint64_t>(v.pci_revision), 2))
+                                  : FieldValue::unknown();
+     }},
     {"driver_name", "driver.name", "", "the kernel driver's name",
      [](const GpuView& v) { return FieldValue::of(v.gpu->driver_name); }},
     {"driver_version", "driver.version", "", "the driver's version",
@@ -137,6 +158,13 @@ const std::vector<GpuField> kFields = {
      [](const GpuView& v) {
        return v.gpu->vram_used_mb >= 0 ? FieldValue::of(static_cast<double>(v.gpu->vram_used_mb))
                                        : FieldValue::unknown();
+     }},
+    {"memory.free", nullptr, "MiB", "video memory not in use (memory.total less memory.used)",
+     [](const GpuView& v) {
+       const int64_t total = v.gpu->vram_size_mb, used = v.gpu->vram_used_mb;
+       return total > 0 && used >= 0 && used <= total
+                  ? FieldValue::of(static_cast<double>(total - used))
+                  : FieldValue::unknown();
      }},
     {"memory.bus_width", "memory_bus_width_bits", "bit", "memory bus width",
      [](const GpuView& v) { return count(v.gpu->memory_bus_width); }},
@@ -268,18 +296,6 @@ const GpuField* find_query_field(const std::string& name) {
     if (field.query != nullptr && name == field.query) return &field;
   }
   return nullptr;
-}
-
-std::string query_fields_help() {
-  std::string out;
-  for (const GpuField& field : kFields) {
-    if (field.query == nullptr) continue;
-    std::string line = std::string("  ") + field.query;
-    if (field.unit[0] != '\0') line += std::string(" [") + field.unit + "]";
-    line.resize(std::max<size_t>(line.size() + 1, 36), ' ');
-    out += line + field.description + "\n";
-  }
-  return out;
 }
 
 bool shows_pcie_throughput(const std::vector<const GpuField*>& fields) {

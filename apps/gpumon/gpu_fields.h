@@ -14,8 +14,10 @@
 // and what gpumon finds out about it besides.
 struct GpuView {
   unsigned long slot = 0;
+  unsigned long count = 0;  // GPUs the monitor found
   const zev::GPU* gpu = nullptr;
   std::string pci_address;  // "0000:03:00.0"; "" when not known
+  long pci_revision = -1;   // the revision /sys gives for that address; -1 unknown
   std::string timestamp;    // when the values were read (ISO 8601, UTC)
 };
 
@@ -56,9 +58,6 @@ const char* display_name(const zev::GPU& gpu);
 
 // The field of a --query name; nullptr when there is none.
 const GpuField* find_query_field(const std::string& name);
-
-// The --query fields, one a line: name, unit and description.
-std::string query_fields_help();
 
 // PCIe throughput is read on demand only, not by refreshes: NVML measures
 // each counter over 20 ms. Whether `fields` show it, and the reading of

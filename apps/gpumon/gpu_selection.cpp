@@ -73,7 +73,9 @@ std::vector<GpuView> gpu_views(zev::GpuMonitor* monitor, const std::vector<unsig
   for (unsigned long slot : slots) {
     const zev::GPU* gpu = monitor->get_gpu(slot);
     if (gpu == nullptr) continue;
-    views.push_back({slot, gpu, slot < addresses.size() ? addresses[slot] : "", timestamp});
+    const std::string address = slot < addresses.size() ? addresses[slot] : "";
+    views.push_back(
+        {slot, monitor->get_num_gpus(), gpu, address, pci_revision(address), timestamp});
   }
   return views;
 }

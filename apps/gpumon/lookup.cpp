@@ -57,6 +57,13 @@ const char* vendor_name(unsigned long vendor) {
   }
 }
 
+// An id as the main JSON document writes ids: "0x744C".
+std::string hex_id(unsigned long id) {
+  char text[16];
+  std::snprintf(text, sizeof text, "0x%04lX", id);
+  return text;
+}
+
 std::string text_or_dash(const char* s) { return (s && *s) ? s : "-"; }
 std::string count_or_dash(int v) { return v < 0 ? "-" : std::to_string(v); }
 
@@ -65,7 +72,7 @@ json row_json(const GpuDbTable& table, unsigned long index) {
   auto text = [](const char* s) { return s ? s : ""; };
   const GpuDbRow& row = table.rows[index];
   return {{"index", index},
-          {"device_id", row.device_id},
+          {"device_id", hex_id(static_cast<unsigned long>(row.device_id))},
           {"codename", text(table.codename(row))},
           {"variant", text(table.variant(row))},
           {"adapter_name", text(table.adapter_name(row))},
@@ -116,7 +123,11 @@ int run_lookup(const std::string& id, bool as_json) {
                 pci.has_revision ? ":" : "", pci.revision_text);
 
   if (as_json) {
-    json doc = {{"id", pci_text}, {"vendor", vendor_name(pci.vendor)}};
+    json doc = {{"schema_version", kJsonSchemaVersion},
+                {"id", pci_text},
+                {"vendor_id", hex_id(pci.vendor)},
+                {"device_id", hex_id(pci.device)},
+                {"vendor", vendor_name(pci.vendor)}};
     doc["row"] = row ? row_json(table, static_cast<unsigned long>(index)) : json(nullptr);
     json other_rows = json::array();
     for (unsigned long i : others) other_rows.push_back(row_json(table, i));
@@ -125,8 +136,8 @@ int run_lookup(const std::string& id, bool as_json) {
     for (const BoardNameRow* b : boards) {
       const char* revision = board_table.revision(*b);
       const char* name = board_table.marketing_name(*b);
-      board_rows.push_back({{"subvendor_id", b->subvendor},
-                            {"subdevice_id", b->subdevice},
+      board_rows.push_back({{"subvendor_id", hex_id(b->subvendor)},
+                            {"subdevice_id", hex_id(b->subdevice)},
                             {"revision", revision ? revision : ""},
                             {"marketing_name", name ? name : ""}});
     }

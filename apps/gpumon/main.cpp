@@ -6,8 +6,11 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <climits>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <string>
 #include <vector>
@@ -15,8 +18,10 @@
 #include "csv_query.h"
 #include "gpu_selection.h"
 #include "json_report.h"
+#include "live_view.h"
 #include "lookup.h"
 #include "machine.h"
+#include "nvsmi_names.h"
 #include "options.h"
 #include "overlay.h"
 #include "plugin_loader.h"
@@ -28,6 +33,7 @@
 namespace {
 
 volatile sig_atomic_t g_interrupted = 0;
+int g_write_errno = 0;  // why standard output could not be written (0: it could)
 
 void on_signal(int) { g_interrupted = 1; }
 
@@ -91,42 +97,76 @@ struct Report {
   const Options* options = nullptr;
   std::vector<unsigned long> slots;    // the GPUs --gpu picked
   std::vector<std::string> addresses;  // PCI address of every GPU, by slot
-  std::vector<const GpuField*> query;  // --query fields
+  std::vector<QueryColumn> query;      // --query columns
   TraceCollector* traces = nullptr;
 };
 
-void show(Report* report, long refresh) {
+// Writes to standard output; false, with the reason kept, when it cannot.
+bool emit(const std::string& text) {
+  if (g_write_errno != 0) return false;
+  errno = 0;
+  if (std::fwrite(text.data(), 1, text.size(), stdout) == text.size() && std::fflush(stdout) == 0)
+    return true;
+  g_write_errno = errno != 0 ? errno : EIO;
+  return false;
+}
+
+// The exit code once everything is written: kExitWrite, with the reason on
+// stderr, when standard output could not be written.
+int output_checked(int code) {
+  if (g_write_errno == 0) {
+    errno = 0;
+    if (std::fflush(stdout) != 0 || std::ferror(stdout)) g_write_errno = errno != 0 ? errno : EIO;
+  }
+  if (g_write_errno == 0) return code;
+  std::fprintf(stderr, "gpumon: cannot write to standard output: %s\n",
+               std::strerror(g_write_errno));
+  return kExitWrite;
+}
+
+// Shows one report; false when standard output cannot be written.
+bool show(Report* report, long refresh) {
   const Options& options = *report->options;
-  if (options.json || shows_pcie_throughput(report->query)) read_pcie_throughput(report->monitor);
+  std::vector<const GpuField*> fields;
+  for (const QueryColumn& column : report->query) fields.push_back(column.field);
+  if (options.json || shows_pcie_throughput(fields)) read_pcie_throughput(report->monitor);
   const std::string now = utc_timestamp();
   const std::vector<GpuView> gpus =
       gpu_views(report->monitor, report->slots, report->addresses, now);
   if (!report->query.empty()) {
-    if (options.csv_header && refresh <= 1) std::printf("%s", csv_header(report->query).c_str());
-    std::printf("%s", csv_rows(report->query, gpus, options.csv_units).c_str());
-  } else if (options.json) {
+    std::string text;
+    if (options.csv_header && refresh <= 1) text = csv_header(report->query);
+    return emit(text + csv_rows(report->query, gpus, options.csv_units));
+  }
+  if (options.json) {
     // Each document carries the trace lines since the one before.
     TraceCollector* t = report->traces;
     const std::vector<TraceLine> fresh(t->lines.begin() + static_cast<long>(t->reported),
                                        t->lines.end());
     t->reported = t->lines.size();
-    std::printf("%s\n", dump_json(render_json(report->monitor, gpus, fresh, now),
-                                  options.watch_seconds == 0)
-                            .c_str());
-  } else {
-    if (refresh > 0) {
-      if (isatty(STDOUT_FILENO)) std::printf("\033[H\033[2J");
-      std::printf("gpumon: refresh %ld, every %g s (Ctrl-C to stop)\n\n", refresh,
-                  options.watch_seconds);
-    }
-    std::printf("%s", render_table(report->monitor, gpus).c_str());
+    return emit(dump_json(render_json(report->monitor, gpus, fresh, now),
+                          options.watch_seconds == 0) +
+                "\n");
   }
-  std::fflush(stdout);
+  std::string text;
+  if (refresh > 0) {
+    // The plain redrawn table (output that is no terminal, or --no-tui).
+    if (isatty(STDOUT_FILENO)) text = "\033[H\033[2J";
+    char line[96];
+    std::snprintf(line, sizeof line, "gpumon: refresh %ld, every %g s (Ctrl-C to stop)\n\n",
+                  refresh, options.watch_seconds);
+    text += line;
+  }
+  return emit(text + render_table(report->monitor, gpus, options.wide));
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
+  // Whole reports stay in the buffer until written on purpose, so that the
+  // reason of a failed write is the one errno holds then.
+  static char output_buffer[1 << 20];
+  std::setvbuf(stdout, output_buffer, _IOFBF, sizeof output_buffer);
   Options options;
   std::string error;
   if (!parse_options(argc, argv, &options, &error)) {
@@ -135,18 +175,17 @@ int main(int argc, char** argv) {
   }
   if (options.help) {
     std::printf("%s", usage_text());
-    return kExitOk;
+    return output_checked(kExitOk);
   }
   if (options.help_query) {
-    std::printf("Fields of --query FIELD,... (an unknown value prints as [N/A]):\n%s",
-                query_fields_help().c_str());
-    return kExitOk;
+    std::printf("%s", query_help().c_str());
+    return output_checked(kExitOk);
   }
   if (options.version) {
     std::printf("gpumon %s (JSON schema version %d)\n", ZEV_VERSION, kJsonSchemaVersion);
-    return kExitOk;
+    return output_checked(kExitOk);
   }
-  if (!options.lookup.empty()) return run_lookup(options.lookup, options.json);
+  if (!options.lookup.empty()) return output_checked(run_lookup(options.lookup, options.json));
   if (!options.machine.empty()) return run_in_machine(options);
   if (!options.record.empty()) {
     return record_machine(options.record,
@@ -172,13 +211,14 @@ int main(int argc, char** argv) {
     monitor->terminate();
     library.destroy(monitor);
     zev::set_trace_sink(nullptr, nullptr);
-    return code;
+    return output_checked(code);
   };
 
   struct sigaction action {};
   action.sa_handler = on_signal;
   sigaction(SIGINT, &action, nullptr);
   sigaction(SIGTERM, &action, nullptr);
+  sigaction(SIGHUP, &action, nullptr);
 
   if (options.gl_info) return finish(show_gl_info(monitor, options));
   if (!options.serve.empty()) return finish(serve_metrics(monitor, options));
@@ -190,27 +230,40 @@ int main(int argc, char** argv) {
   report.options = &options;
   report.traces = &traces;
   report.addresses = gpu_pci_addresses(monitor);
-  for (const std::string& name : options.query) report.query.push_back(find_query_field(name));
+  for (const std::string& name : options.query) {
+    report.query.emplace_back();
+    find_query_column(name, &report.query.back());  // checked by parse_options
+  }
   if (!select_gpus(options.gpus, report.addresses, &report.slots, &error)) {
     std::fprintf(stderr, "gpumon: %s\n", error.c_str());
     return finish(kExitNotFound);
   }
 
-  UsageHistory history;
-  if (options.watch_seconds <= 0) {
-    record_usages(monitor, &history);
-    show(&report, 0);
-  } else {
-    for (long refresh = 1; !g_interrupted; ++refresh) {
-      monitor->update_dynamic_data();
-      record_usages(monitor, &history);
-      show(&report, refresh);
-      if (options.count != 0 && refresh >= options.count) break;
-      sleep_interruptible(options.watch_seconds);
+  const bool table = !options.json && options.query.empty() && options.overlay.empty();
+  if (table && options.watch_seconds > 0 && !options.no_tui) {
+    std::string why;
+    if (live_view_possible(&why)) {
+      const int code =
+          run_live_view(monitor, report.slots, report.addresses, options, &g_interrupted);
+      if (code != kLiveViewUnavailable) return finish(code);
+      const char* term = std::getenv("TERM");
+      why = std::string("the terminal type '") + (term ? term : "") + "' is not known";
     }
+    if (!why.empty()) std::fprintf(stderr, "gpumon: %s: the plain table instead\n", why.c_str());
+  }
+
+  // Every report, the single one too, shows the values of a refresh.
+  UsageHistory history;
+  for (long refresh = 1; !g_interrupted; ++refresh) {
+    monitor->update_dynamic_data();
+    record_usages(monitor, &history);
+    if (!show(&report, options.watch_seconds > 0 ? refresh : 0)) break;
+    if (options.watch_seconds <= 0 || (options.count != 0 && refresh >= options.count)) break;
+    sleep_interruptible(options.watch_seconds);
   }
 
   int code = kExitOk;
-  if (!options.overlay.empty()) code = render_overlay(monitor, options, history);
+  if (!options.overlay.empty() && g_write_errno == 0)
+    code = render_overlay(monitor, options, history);
   return finish(code);
 }

@@ -87,7 +87,7 @@ void add_info(MetricFamily* info, const GpuView& view, const Labels& labels) {
       .add("driver_version", view.gpu->driver_version)
       .add("vbios_version", view.gpu->vbios_version)
       .add("vendor_id", text_field("pci.vendor", view))
-      .add("device_id", text_field("pci.device", view))
+      .add("device_id", text_field("pci.device_id_only", view))
       .add("subsystem_vendor_id", text_field("pci.sub_vendor", view))
       .add("subsystem_device_id", text_field("pci.sub_device", view))
       .add("revision_id", text_field("pci.revision", view));

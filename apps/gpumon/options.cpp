@@ -2,14 +2,15 @@
 
 #include <getopt.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
-#include "gpu_fields.h"
 #include "gpu_selection.h"
+#include "nvsmi_names.h"
 #include "serve.h"
 
 namespace {
@@ -33,6 +34,8 @@ enum OptionId {
   kServe,
   kHelpQuery,
   kVersion,
+  kWide,
+  kNoTui,
   kRecord,
 };
 
@@ -57,6 +60,12 @@ const option kLongOptions[] = {
     {"help-query", no_argument, nullptr, kHelpQuery},
     {"version", no_argument, nullptr, kVersion},
     {"record", required_argument, nullptr, kRecord},
+    {"wide", no_argument, nullptr, kWide},
+    {"no-tui", no_argument, nullptr, kNoTui},
+    // nvidia-smi's spellings, after gpumon's own (messages name the first).
+    {"query-gpu", required_argument, nullptr, kQuery},
+    {"loop", required_argument, nullptr, kWatch},
+    {"id", required_argument, nullptr, kGpu},
     {nullptr, 0, nullptr, 0},
 };
 
@@ -115,6 +124,12 @@ bool apply(int id, const char* v, Options* o, bool* format_given, std::string* e
     case kGlInfo:
       o->gl_info = true;
       return true;
+    case kWide:
+      o->wide = true;
+      return true;
+    case kNoTui:
+      o->no_tui = true;
+      return true;
     case kMachine:
       // An empty folder name must not fall back to the real machine.
       if (value.empty()) return fail("--machine needs a machine folder");
@@ -137,7 +152,8 @@ bool apply(int id, const char* v, Options* o, bool* format_given, std::string* e
       return parse_count(v, &o->count) || fail("--count needs a positive whole number");
     case kQuery:
       for (const std::string& name : split_list(value)) {
-        if (find_query_field(name) == nullptr) {
+        QueryColumn column;
+        if (!find_query_column(name, &column)) {
           *error = "--query has no field '" + name + "' (gpumon --help-query lists them)";
           return false;
         }
@@ -205,6 +221,58 @@ bool apply(int id, const char* v, Options* o, bool* format_given, std::string* e
   return false;
 }
 
+// The name an option is known by in messages: its first long name.
+std::string option_name(int id) {
+  if (id == 'h') return "--help";
+  for (const option& o : kLongOptions)
+    if (o.name != nullptr && o.val == id) return std::string("--") + o.name;
+  return "?";
+}
+
+// What a command line asks for, and the options that apply to it.
+struct Mode {
+  const char* name;
+  std::vector<int> options;
+};
+
+Mode mode_of(const Options& o) {
+  if (!o.lookup.empty()) return {"--lookup", {kLookup, kJson}};
+  if (!o.record.empty()) return {"--record", {kRecord, kMachine, kPlugin}};
+  if (o.gl_info) return {"--gl-info", {kGlInfo, kJson, kGl, kTrace, kMachine, kPlugin}};
+  if (!o.serve.empty()) return {"--serve", {kServe, kGpu, kTrace, kMachine, kPlugin}};
+  if (!o.overlay.empty())
+    return {"--overlay",
+            {kOverlay, kSize, kGl, kText, kWatch, kCount, kTrace, kMachine, kPlugin}};
+  return {"the GPU report (table, --json or --query)",
+          {kJson, kQuery, kFormat, kGpu, kWatch, kCount, kWide, kNoTui, kTrace, kMachine,
+           kPlugin}};
+}
+
+// Refuses, with a one-line reason, options the chosen mode would ignore.
+bool check_mode(const Options& o, const std::vector<int>& given, std::string* error) {
+  if (o.help || o.help_query || o.version) return true;
+  const Mode mode = mode_of(o);
+  for (int id : given) {
+    if (std::find(mode.options.begin(), mode.options.end(), id) != mode.options.end()) continue;
+    *error = option_name(id) + " does not apply to " + mode.name +
+             (id == kGpu && !o.overlay.empty() ? ", which draws every GPU" : "");
+    return false;
+  }
+  auto refuse = [&](const char* message) {
+    *error = message;
+    return false;
+  };
+  if (o.count != 0 && o.watch_seconds == 0.0) return refuse("--count only goes with --watch");
+  if (std::find(given.begin(), given.end(), kFormat) != given.end() && o.query.empty())
+    return refuse("--format only goes with --query");
+  if (o.json && !o.query.empty()) return refuse("--json and --query are two outputs: give one");
+  if (o.wide && (o.json || !o.query.empty()))
+    return refuse("--wide applies to the table, not to --json or --query");
+  if (o.no_tui && (o.watch_seconds == 0.0 || o.json || !o.query.empty()))
+    return refuse("--no-tui only goes with --watch and the table");
+  return true;
+}
+
 }  // namespace
 
 const char* usage_text() {
@@ -213,10 +281,15 @@ const char* usage_text() {
          "\n"
          "  --json               print one JSON document instead of the table\n"
          "  --query FIELD,...    print these fields, one line per GPU (gpumon --help-query\n"
-         "                       lists them; most are nvidia-smi's --query-gpu names)\n"
+         "                       lists them; nvidia-smi's --query-gpu names work too)\n"
+         "  --query-gpu FIELD,...  the same as --query\n"
          "  --format csv[,noheader][,nounits]  how --query prints (default csv)\n"
-         "  --gpu INDEX|PCI-ADDRESS[,...]  show only these GPUs (table, JSON, CSV)\n"
-         "  --watch SECONDS      refresh every SECONDS until interrupted (Ctrl-C)\n"
+         "  --gpu, -i, --id INDEX|PCI-ADDRESS[,...]  show only these GPUs (table, JSON, CSV)\n"
+         "  --wide               the table with the static facts too (chip, units, TDP, ids)\n"
+         "  --watch, -l, --loop SECONDS  refresh every SECONDS until interrupted (Ctrl-C); on\n"
+         "                       a terminal the table is a live view (q quits, +/- change\n"
+         "                       the period, arrows or 0-9 select a GPU)\n"
+         "  --no-tui             with --watch: redraw the plain table instead of the live view\n"
          "  --count N            with --watch: stop after N refreshes\n"
          "  --trace              print the monitor's trace lines on stderr\n"
          "  --machine DIR        run inside the fake machine described by DIR\n"
@@ -234,14 +307,15 @@ const char* usage_text() {
          "  --record DIR         write this machine (the files the monitor reads, the answers\n"
          "                       of the GPU tools it runs) as a machine folder for --machine\n"
          "  --help, -h           show this help\n"
-         "  --help-query         list the --query fields\n"
+         "  --help-query         list the --query fields and the nvidia-smi names they answer\n"
          "  --version            show gpumon's version and JSON schema version\n"
          "\n"
+         "Options that do not apply to the chosen output are refused.\n"
          "Exit codes: 0 done; 1 not found (an unknown --gpu or --lookup id, no GPU to\n"
          "draw); 2 bad command line or plug-in; 3 the fake machine could not be set up;\n"
          "4 no OpenGL context, or the overlay or --record folder could not be written;\n"
-         "5 --serve cannot "
-         "listen on its address.\n";
+         "5 --serve cannot listen on its address; 6 standard output could not be\n"
+         "written.\n";
 }
 
 const char* usage_hint() { return "Run 'gpumon --help' for the options.\n"; }
@@ -250,11 +324,12 @@ bool parse_options(int argc, char** argv, Options* options, std::string* error) 
   opterr = 0;  // the messages are ours
   optind = 0;  // a fresh scan
   std::vector<bool> machine_arg(static_cast<size_t>(argc), false);
+  std::vector<int> given;
   bool format_given = false;
   for (;;) {
     const int first = optind == 0 ? 1 : optind;
     // "+": stop at the first word that is no option, and never reorder argv.
-    const int id = getopt_long(argc, argv, "+:h", kLongOptions, nullptr);
+    int id = getopt_long(argc, argv, "+:hl:i:", kLongOptions, nullptr);
     if (id == -1) break;
     if (id == '?') {
       *error = optopt > 0 && optopt < 256
@@ -266,7 +341,10 @@ bool parse_options(int argc, char** argv, Options* options, std::string* error) 
       *error = std::string("option '") + argv[optind - 1] + "' needs a value";
       return false;
     }
+    if (id == 'l') id = kWatch;  // nvidia-smi's -l SECONDS
+    if (id == 'i') id = kGpu;    // nvidia-smi's -i ID
     if (!apply(id, optarg, options, &format_given, error)) return false;
+    given.push_back(id);
     if (id == kMachine)
       for (int i = first; i < optind; ++i) machine_arg[static_cast<size_t>(i)] = true;
   }
@@ -276,34 +354,5 @@ bool parse_options(int argc, char** argv, Options* options, std::string* error) 
   }
   for (int i = 1; i < argc; ++i)
     if (!machine_arg[static_cast<size_t>(i)]) options->args_without_machine.push_back(argv[i]);
-  if (options->count != 0 && options->watch_seconds == 0.0) {
-    *error = "--count only goes with --watch";
-    return false;
-  }
-  if (format_given && options->query.empty()) {
-    *error = "--format only goes with --query";
-    return false;
-  }
-  if (options->json && !options->query.empty()) {
-    *error = "--json and --query are two outputs: give one";
-    return false;
-  }
-  if (!options->gpus.empty() && !options->overlay.empty()) {
-    *error = "--gpu does not apply to --overlay, which draws every GPU";
-    return false;
-  }
-  if (!options->serve.empty() && (options->json || !options->query.empty() ||
-                                  options->watch_seconds > 0 || !options->overlay.empty() ||
-                                  options->gl_info || !options->lookup.empty())) {
-    *error = "--serve goes with --gpu, --trace, --machine and --plugin alone";
-    return false;
-  }
-  if (!options->record.empty() &&
-      (options->json || !options->query.empty() || options->watch_seconds > 0 ||
-       !options->overlay.empty() || options->gl_info || !options->lookup.empty() ||
-       !options->serve.empty() || !options->gpus.empty())) {
-    *error = "--record goes with --machine and --plugin alone";
-    return false;
-  }
-  return true;
+  return check_mode(*options, given, error);
 }

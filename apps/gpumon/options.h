@@ -13,6 +13,7 @@ enum ExitCode {
   kExitOpenGl = 4,    // no OpenGL context, an overlay that cannot be written
   kExitFile = 4,      // a file or folder that cannot be written (overlay, --record)
   kExitServe = 5,     // --serve cannot listen on its address
+  kExitWrite = 6,     // standard output could not be written
 };
 
 struct Options {
@@ -26,7 +27,9 @@ struct Options {
   std::vector<std::string> query;  // --query fields, checked against the field table
   bool csv_header = true;          // --format csv[,noheader][,nounits]
   bool csv_units = true;
-  std::vector<std::string> gpus;  // --gpu selectors (slot numbers, PCI addresses); none: all
+  std::vector<std::string> gpus;  // --gpu/-i selectors (slot numbers, PCI addresses); none: all
+  bool wide = false;              // --wide: the table with the static facts
+  bool no_tui = false;            // --no-tui: --watch redraws the plain table
   std::string machine;            // fake machine folder
   std::string plugin;             // plug-in library path ("" : next to gpumon)
   std::string lookup;             // VENDOR:DEVICE[:REV] to look up in the GPU database

@@ -1,5 +1,7 @@
 #include "overlay.h"
 
+#include "json_report.h"
+
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -178,6 +180,7 @@ int show_gl_info(zev::GpuMonitor* monitor, const Options& options) {
   }
   monitor->opengl_init(host->renderer(), host->window());
   nlohmann::ordered_json doc;
+  doc["schema_version"] = kJsonSchemaVersion;
   doc["vendor"] = monitor->opengl_get_vendor();
   doc["renderer"] = monitor->opengl_get_renderer();
   doc["version"] = monitor->opengl_get_version();

@@ -119,3 +119,22 @@ std::string find_pci_address(const zev::GPU& gpu) {
   }
   return found;
 }
+
+long pci_revision(const std::string& address) {
+  PciAddress parsed;
+  if (address.empty() || !parse_pci_address(address, &parsed)) return -1;
+  // The device's folder: in the PCI device list, or behind a DRM card.
+  fs::path folder = "/sys/bus/pci/devices/" + address;
+  std::error_code ec;
+  for (const fs::directory_entry& e : fs::directory_iterator("/sys/class/drm", ec)) {
+    if (card_number(e.path().filename().string()) < 0) continue;
+    const fs::path real = fs::canonical(e.path() / "device", ec);
+    if (!ec && real.filename() == address) folder = real;
+  }
+  std::ifstream in(folder / "revision");
+  std::string text;
+  if (!(in >> text) || text.size() < 3 || text.compare(0, 2, "0x") != 0) return -1;
+  char* end = nullptr;
+  const long revision = std::strtol(text.c_str() + 2, &end, 16);
+  return *end == '\0' && revision >= 0 && revision <= 0xFF ? revision : -1;
+}

@@ -25,3 +25,7 @@ bool parse_pci_address(const std::string& text, PciAddress* address);
 // device ids, among the DRM cards and /sys/bus/pci/devices. "" when /sys
 // does not tell.
 std::string find_pci_address(const zev::GPU& gpu);
+
+// The revision of the PCI device at an address ("0000:03:00.0"), read from
+// /sys; -1 when it cannot be read.
+long pci_revision(const std::string& address);

@@ -9,6 +9,9 @@
 
 namespace {
 
+// The widest the default table gets.
+constexpr size_t kTableWidth = 120;
+
 bool known(float v) { return v != -1.0f; }
 
 std::string hex4(uint64_t v) {
@@ -16,9 +19,6 @@ std::string hex4(uint64_t v) {
   std::snprintf(text, sizeof text, "%04llX", static_cast<unsigned long long>(v));
   return text;
 }
-
-// Bus numbers of 1000 and above are placeholders for "not read".
-bool bus_known(const zev::GPU* gpu) { return gpu->bus_id >= 0 && gpu->bus_id <= 999; }
 
 // Unit counts from the database: 0 is "not known", and so is -1 stored in an
 // unsigned field.
@@ -42,21 +42,27 @@ std::string with_range(float current, float min, float max) {
   return text;
 }
 
+// Every fan's speed: "1320,1315,0 rpm", "30,31%", or "-"; a fan known only
+// in the other unit, or not at all, shows as such ("1320 rpm,40%,-").
 std::string fans_text(const zev::GPU* gpu) {
   if (gpu->fans == nullptr || gpu->num_fans == 0) return "-";
-  std::string text;
+  std::vector<std::string> values;
+  std::vector<std::string> units;
   for (uint64_t i = 0; i < gpu->num_fans; ++i) {
     const zev::gpuFanSpeed& fan = gpu->fans[i];
-    if (!text.empty()) text += ", ";
-    if (known(fan.rpm)) {
-      text += format_value(fan.rpm, 0) + " rpm";
-    } else if (known(fan.speed_percent)) {
-      text += format_value(fan.speed_percent, 0) + "%";
-    } else {
-      text += "-";
-    }
+    const bool rpm = known(fan.rpm);
+    values.push_back(rpm ? format_value(fan.rpm, 0)
+                         : known(fan.speed_percent) ? format_value(fan.speed_percent, 0) : "-");
+    units.push_back(rpm ? " rpm" : known(fan.speed_percent) ? "%" : "");
   }
-  return text;
+  const bool one_unit = std::all_of(units.begin(), units.end(),
+                                    [&](const std::string& u) { return u == units[0]; });
+  std::string text;
+  for (size_t i = 0; i < values.size(); ++i) {
+    if (i != 0) text += ",";
+    text += values[i] + (one_unit ? "" : units[i]);
+  }
+  return one_unit ? text + units[0] : text;
 }
 
 // Video memory in MiB: "used/total", the total alone, or "-".
@@ -66,11 +72,32 @@ std::string vram_text(const zev::GPU* gpu) {
   return std::to_string(gpu->vram_used_mb) + "/" + total;
 }
 
-std::string columns(const std::vector<std::vector<std::string>>& rows) {
+// A field's text as --query shows it ("-" when unknown).
+std::string field_text(const char* name, const GpuView& view) {
+  const GpuField* field = find_query_field(name);
+  const FieldValue value = field != nullptr ? field->read(view) : FieldValue::unknown();
+  return value.kind == FieldValue::kText ? value.text : "-";
+}
+
+// The rows as columns two blanks apart; with a `limit`, the names (column 1)
+// are cut short so that no line is wider.
+std::string columns(std::vector<std::vector<std::string>> rows, size_t limit) {
   std::vector<size_t> width;
   for (const auto& row : rows) {
     if (width.size() < row.size()) width.resize(row.size(), 0);
     for (size_t c = 0; c < row.size(); ++c) width[c] = std::max(width[c], row[c].size());
+  }
+  size_t total = 0;
+  for (size_t w : width) total += w + 2;
+  total -= 2;
+  if (limit != 0 && total > limit && width.size() > 1) {
+    // Names are cut to 8 characters at the shortest; the rest of a row that
+    // is still too wide stays as it is.
+    const size_t over = total - limit;
+    const size_t name = width[1] > over + 8 ? width[1] - over : std::min<size_t>(width[1], 8);
+    for (auto& row : rows)
+      if (row[1].size() > name) row[1] = row[1].substr(0, name - 1) + "~";
+    width[1] = name;
   }
   std::string out;
   for (const auto& row : rows) {
@@ -93,39 +120,47 @@ std::string format_value(float value, int decimals) {
   return text;
 }
 
-std::string render_table(zev::GpuMonitor* monitor, const std::vector<GpuView>& gpus) {
-  std::vector<std::vector<std::string>> rows = {
-      {"GPU", "Name", "Chip", "Driver", "Shaders/TMUs/ROPs", "TDP W", "PCI", "Bus", "Temp C",
-       "Mem C", "Core %", "Mem %", "VRAM MiB", "Core MHz", "Mem MHz", "Power W", "Fans"}};
+std::string render_table(zev::GpuMonitor* monitor, const std::vector<GpuView>& gpus, bool wide) {
+  std::vector<std::string> header = {"GPU",   "Name",     "PCI",     "Driver",  "Temp C", "Mem C",
+                                     "Core %", "Mem %", "Core MHz", "Mem MHz", "Power W", "Fans"};
+  if (wide) {
+    header.insert(header.begin() + 4, {"ID", "Rev", "Bus", "Chip", "Shaders/TMUs/ROPs", "TDP W"});
+    header.insert(header.begin() + 14, "VRAM MiB");
+  }
+  std::vector<std::vector<std::string>> rows = {header};
   for (const GpuView& view : gpus) {
     const zev::GPU* gpu = view.gpu;
-    const bool pci = gpu->vendor_id != 0 || gpu->device_id != 0;
-    rows.push_back({
+    std::vector<std::string> row = {
         std::to_string(view.slot),
         display_name(*gpu)[0] ? display_name(*gpu) : "-",
-        gpu->codename[0] ? gpu->codename : "-",
+        view.pci_address.empty() ? "-" : view.pci_address,
         gpu->driver_name[0] ? gpu->driver_name : "-",
-        units_text(gpu),
-        count_text(gpu->tdp_w),
-        pci ? hex4(gpu->vendor_id) + ":" + hex4(gpu->device_id) : "-",
-        bus_known(gpu) ? std::to_string(gpu->bus_id) : "-",
-        with_range(gpu->temperatures[0].current, gpu->temperatures[0].min,
-                   gpu->temperatures[0].max),
+        wide ? with_range(gpu->temperatures[0].current, gpu->temperatures[0].min,
+                          gpu->temperatures[0].max)
+             : format_value(gpu->temperatures[0].current, 0),
         format_value(gpu->temperatures[2].current, 0),
         format_value(gpu->core_usage[0], 0),
         format_value(gpu->memory_usage[0], 0),
-        vram_text(gpu),
         format_value(gpu->core_clock.current, 0),
         format_value(gpu->memory_clock.current, 0),
         format_value(gpu->power.watts, 0),
         fans_text(gpu),
-    });
+    };
+    if (wide) {
+      const bool pci = gpu->vendor_id != 0 || gpu->device_id != 0;
+      row.insert(row.begin() + 4,
+                 {pci ? hex4(gpu->vendor_id) + ":" + hex4(gpu->device_id) : "-",
+                  field_text("pci.revision", view), field_text("pci.bus", view),
+                  gpu->codename[0] ? gpu->codename : "-", units_text(gpu), count_text(gpu->tdp_w)});
+      row.insert(row.begin() + 14, vram_text(gpu));
+    }
+    rows.push_back(row);
   }
   std::string out;
   if (monitor->get_num_gpus() == 0) {
     out += "No GPU found.\n";
   } else {
-    out += columns(rows);
+    out += columns(rows, wide ? 0 : kTableWidth);
   }
   out += "\n";
   const char* cpu = monitor->get_cpu_name();

@@ -12,5 +12,7 @@
 std::string format_value(float value, int decimals);
 
 // The table of the given GPUs ("No GPU found." when the monitor has none)
-// and the CPU/OS lines.
-std::string render_table(zev::GpuMonitor* monitor, const std::vector<GpuView>& gpus);
+// and the CPU/OS lines: the live values within 120 columns, and with `wide`
+// the static facts too (PCI ids and revision, bus, chip, units, TDP) and
+// the lowest and highest temperature.
+std::string render_table(zev::GpuMonitor* monitor, const std::vector<GpuView>& gpus, bool wide);

@@ -33,10 +33,10 @@ TEST(Gpumon, StartUpSummaryAndTable) {
       {"amd-sriov-vf-no-hwmon",
        {"Num GPUs detected: 1", "> GPU0", "  - name: AMD Radeon Pro V520",
         "  - PCI codes: 0x1002-0x7362", "  - VBIOS: 113-D3980100-O00"},
-       {"GPU  Name                 Chip     Driver  Shaders/TMUs/ROPs  TDP W  PCI        Bus  "
-        "Temp C  Mem C  Core %  Mem %  VRAM MiB  Core MHz  Mem MHz  Power W  Fans",
-        "0    AMD Radeon Pro V520  Navi 12  amdgpu  2304/144/64        225    1002:7362  -    "
-        "-       -      0       -      -         -         -        -        -",
+       {"GPU  Name                 PCI           Driver  Temp C  Mem C  Core %  Mem %  Core MHz  "
+        "Mem MHz  Power W  Fans",
+        "0    AMD Radeon Pro V520  0000:00:1e.0  amdgpu  -       -      0       -      -         "
+        "-        -        -",
         "", "CPU: AMD EPYC 7R32, 2800 MHz", "OS:  Linux 6.8.0-1015-aws 64-bit"}},
       {"arm64-no-cpu-mhz", {"Num GPUs detected: 0"}, {"No GPU found.", "", "CPU: -, - MHz"}},
   };
@@ -175,7 +175,7 @@ TEST(Gpumon, WatchRefreshesUntilTheCount) {
   // With --query: the header once, then a line per GPU and refresh.
   r = run_gpumon({"--query", "index,temperature.gpu", "--format", "nounits,csv", "--watch", "0.2",
                   "--count", "3", "--machine", machine_dir("amd-rdna3-rx7900xtx")});
-  EXPECT_EQ(r.out, "index, temperature.gpu [C]\n0, 52\n0, 54\n0, 57\n");
+  EXPECT_EQ(r.out, "index, temperature.gpu\n0, 52\n0, 54\n0, 57\n");
 }
 
 // --query as nvidia-smi prints it, and --gpu picking GPUs by slot or PCI
@@ -186,14 +186,20 @@ TEST(Gpumon, QueryAndGpuSelection) {
   const std::string fields = "index,name,pci.bus_id,temperature.gpu,power.draw,fan.speed";
   const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
       {{"--query", fields, "--machine", amd},
-       "index, name, pci.bus_id, temperature.gpu [C], power.draw [W], fan.speed [%]\n"
-       "0, Sapphire PULSE RX 7900 XTX, 0000:03:00.0, 52 C, 86 W, [N/A]\n"},
+       "index, name, pci.bus_id, temperature.gpu, power.draw [W], fan.speed [%]\n"
+       "0, Sapphire PULSE RX 7900 XTX, 00000000:03:00.0, 52, 86.00 W, [N/A]\n"},
       {{"--query", fields, "--format", "csv,noheader,nounits", "--machine", amd},
-       "0, Sapphire PULSE RX 7900 XTX, 0000:03:00.0, 52, 86, [N/A]\n"},
-      {{"--query", "index,pci.bus_id", "--format=csv,noheader", "--machine", two},
-       "0, 0000:23:00.0\n1, 0000:45:00.0\n2, 0000:63:00.0\n"},
-      {{"--gpu", "1", "--query", "index,pci.bus_id", "--format=csv,noheader", "--machine", two},
-       "1, 0000:45:00.0\n"},
+       "0, Sapphire PULSE RX 7900 XTX, 00000000:03:00.0, 52, 86.00, [N/A]\n"},
+      {{"--query", "index,pci.bus_id,pci.domain,pci.bus,pci.device", "--format=csv,noheader",
+        "--machine", two},
+       "0, 00000000:23:00.0, 0x0000, 0x23, 0x00\n1, 00000000:45:00.0, 0x0000, 0x45, 0x00\n"
+        "2, 00000000:63:00.0, 0x0000, 0x63, 0x00\n"},
+      {{"-i", "1", "--query-gpu=index,gpu_bus_id,count", "--format=csv,noheader", "--machine", two},
+       "1, 00000000:45:00.0, 3\n"},
+      // gpumon's own fields print as before: the unit after the number.
+      {{"--id=0", "--query", "temperature.gpu.highest,pci.revision,pci.device_id_only",
+        "--format=csv,noheader", "--machine", amd},
+       "52 C, 0xC8, 0x744C\n"},
       {{"--gpu", "45:00.0,0", "--query", "index", "--format=csv,noheader", "--machine", two},
        "0\n1\n"},
       {{"--gpu", "0000:45:00.0", "--query", "index", "--format=csv,noheader", "--machine", two},
@@ -277,6 +283,17 @@ TEST(Gpumon, ErrorsAreClear) {
       {{"--machine", "/nonexistent/machine"}, 3, "cannot run in machine /nonexistent/machine"},
       {{"--machine", junk.dir()}, 3, "is not a machine folder"},
       {{"--machine", ""}, 2, "--machine needs a machine folder"},
+      // Options the chosen output would ignore.
+      {{"--gl-info", "--query", "index"}, 2, "--query does not apply to --gl-info"},
+      {{"--lookup", "10DE:2B85", "--machine", "x"}, 2, "--machine does not apply to --lookup"},
+      {{"--lookup", "10DE:2B85", "--gl-info"}, 2, "--gl-info does not apply to --lookup"},
+      {{"--size", "10x10"}, 2, "--size does not apply to the GPU report"},
+      {{"--overlay", "x.png", "-i", "0"}, 2, "--gpu does not apply to --overlay"},
+      {{"--serve", "127.0.0.1:0", "--json"}, 2, "--json does not apply to --serve"},
+      {{"--wide", "--json"}, 2, "--wide applies to the table"},
+      {{"--no-tui"}, 2, "--no-tui only goes with --watch"},
+      {{"-l", "0"}, 2, "positive, finite number of seconds"},
+      {{"--query-gpu", "clocks.bogus"}, 2, "no field 'clocks.bogus'"},
   };
   for (const auto& [args, code, message] : cases) {
     const machine::RunResult r = run_gpumon(args);
@@ -286,8 +303,48 @@ TEST(Gpumon, ErrorsAreClear) {
     EXPECT_EQ(r.out, "");
   }
   EXPECT_NE(run_gpumon({"--help"}).out.find("Exit codes: 0"), std::string::npos);
-  EXPECT_NE(run_gpumon({"--help-query"}).out.find("clocks.max.gr [MHz]"), std::string::npos);
+  const std::string help_query = run_gpumon({"--help-query"}).out;
+  for (const char* line : {"  clocks.max.gr [MHz]", "  clocks.current.sm, clocks.sm [MHz]",
+                           "  clocks_event_reasons.active, clocks_throttle_reasons.active"})
+    EXPECT_NE(help_query.find(line), std::string::npos) << line;
   EXPECT_EQ(run_gpumon({"--version"}).out.rfind("gpumon 0.1.0 (JSON schema version 1)", 0), 0u);
+}
+
+// Output that cannot be written (a full disk) fails with the reason.
+TEST(Gpumon, OutputThatCannotBeWrittenFails) {
+  const std::string machine = " --machine " + machine_dir("amd-rdna3-rx7900xtx");
+  for (const std::string& args :
+       {machine, machine + " --json", machine + " --query index -l 0.05 --count 2",
+       std::string(" --lookup 10DE:2B85"), std::string(" --help-query")}) {
+    // stderr into the pipe, stdout to the full device.
+    FILE* pipe = popen(("'" + gpumon_path() + "'" + args + " 2>&1 >/dev/full").c_str(), "r");
+    ASSERT_NE(pipe, nullptr);
+    std::string err;
+    char buffer[512];
+    for (size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;) err.append(buffer, n);
+    const int status = pclose(pipe);
+    EXPECT_EQ(WEXITSTATUS(status), 6) << args;
+    EXPECT_EQ(err, "gpumon: cannot write to standard output: No space left on device\n") << args;
+  }
+}
+
+// The table fits 120 columns on every recorded machine; --wide adds the
+// static facts, a revision 0x00 included.
+TEST(Gpumon, TheTableFitsAHundredAndTwentyColumns) {
+  for (const auto& entry : std::filesystem::directory_iterator(machine_dir(""))) {
+    if (!std::filesystem::exists(entry.path() / "README.md") ||
+        std::filesystem::exists(entry.path() / "fakes"))
+      continue;
+    const machine::RunResult r = run_gpumon({"--machine", entry.path().string()});
+    ASSERT_EQ(r.exit_code, 0) << entry.path() << r.err;
+    for (const std::string& line : lines_of(r.out))
+      EXPECT_LE(line.size(), 120u) << entry.path() << "\n" << line;
+  }
+  const machine::RunResult r = run_gpumon({"--wide", "--machine", machine_dir("intel-arc-b580-xe")});
+  EXPECT_NE(r.out.find("0    Intel Arc B580 Limited Edition  0000:03:00.0  xe      8086:E20B  0x00  "
+                       "0x03  Battlemage BMG-G21  2560/160/80        190    47 (47-47)"),
+            std::string::npos)
+      << r.out;
 }
 
 // --lookup: what the database says of any PCI id (hex).
@@ -304,7 +361,9 @@ TEST(Gpumon, LookupOfAPciId) {
       {{"--lookup", "8086:e20b"}, 0, {"codename:   Battlemage BMG-G21\n"}},
       {{"--json", "--lookup", "1002:7551:C1"},
        0,
-       {"\"adapter_name\": \"AMD Radeon AI PRO R9700S\"", "\"id\": \"1002:7551:C1\""}},
+       {"\"schema_version\": 1", "\"adapter_name\": \"AMD Radeon AI PRO R9700S\"",
+        "\"id\": \"1002:7551:C1\"", "\"device_id\": \"0x7551\""}},
+      {{"--json", "--lookup", "10DE:2B85"}, 0, {"\"subvendor_id\": \"0x10DE\""}},
       {{"--lookup", "1002:7550:C5"}, 1, {"not in the GPU database"}},
   };
   for (const auto& [args, code, parts] : cases) {

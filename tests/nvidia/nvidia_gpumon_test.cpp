@@ -140,11 +140,11 @@ TEST(NvidiaGpumon, NvmlMachinesAsAHostSeesThem) {
             "pcie_throughput_kb_per_s": {"tx": 1843, "rx": 3921},
             "monitorable": true, "memory_bus_width_bits": 5120,
             "units": {"shaders": 16896, "texture_units": null, "rops": 24},
-            "temperature_c": {"core": 32, "memory": null, "shutdown_threshold": 92,
+            "temperature_c": {"core": 33, "memory": null, "shutdown_threshold": 92,
                               "slowdown_threshold": 89, "gpu_max_threshold": 87},
-            "clock_mhz": {"core": 345, "memory": 2619, "core_max": 1980, "memory_max": 2619},
-            "utilization_percent": {"core": 0, "memory": 0},
-            "power_w": {"tdp": null, "draw": 71.234, "enforced_limit": 700, "default_limit": 700,
+            "clock_mhz": {"core": 1755, "memory": 2619, "core_max": 1980, "memory_max": 2619},
+            "utilization_percent": {"core": 37, "memory": 12},
+            "power_w": {"tdp": null, "draw": 305.778, "enforced_limit": 700, "default_limit": 700,
                         "min_limit": 200, "max_limit": 700},
             "energy_j": 4578213.376, "fans": [], "processes": []}])",
        "smi=0"},
@@ -227,7 +227,7 @@ TEST(NvidiaGpumon, NvidiaSmiMachinesAsAHostSeesThem) {
             "fans": [{"speed_percent": 30, "speed_rpm": null}]},
            {"pci": {"vendor_id": "0x10DE", "device_id": "0x2702", "bus": "0x04"},
             "units": {"rops": 112}}])",
-       "smi=33 nvml=nvmlInit_v2"},
+       "smi=51 nvml=nvmlInit_v2"},
       // Nine nvidia-smi processes per GPU and refresh; its one fan in percent.
       {"refreshed", on(kSmi), "--watch 0.01 --count 2", "",
        R"([{"fans": [{"speed_percent": 30, "speed_rpm": null}], "power_w": {"draw": 27},
@@ -312,7 +312,7 @@ TEST(NvidiaGpumon, CapturedNvidiaSmiMachines) {
             "utilization_percent": {"core": 0, "memory": 9}, "power_w": {"draw": 39},
             "clock_mhz": {"core": 765, "memory": 810},
             "fans": [{"speed_percent": 38, "speed_rpm": null}]}])",
-       "smi=17"},
+       "smi=26"},
       // A passively cooled H100 under load: its fan is "[N/A]", no fan at all.
       {"H100, under load", on("nvidia-h100-smi-capture"), "--watch 0.01 --count 1", "",
        R"([{"name": "NVIDIA H100 80GB HBM3", "pci": {"bus": "0x00", "device_id": "0x2330"},
@@ -335,10 +335,13 @@ TEST(NvidiaGpumon, CapturedNvidiaSmiMachines) {
 TEST(NvidiaGpumon, TheTableShowsTheH100) {
   const Machine machine(kH100);
   testing_support::allow_preloading();
-  const machine::RunResult r = testing_support::run_gpumon({"--machine", machine.dir()});
+  const machine::RunResult r =
+      testing_support::run_gpumon({"--machine", machine.dir(), "--wide"});
   ASSERT_EQ(r.exit_code, 0) << r.err;
-  EXPECT_NE(r.out.find("NVIDIA H100 80GB HBM3  GH100  -       16896/-/24         -      10DE:2330  "
-                       "24   32 (32-32)  -      0       0      1/81559   345       2619     71       -"),
+  // The values of one refresh; no /sys, so no PCI address, and the bus in hex.
+  EXPECT_NE(r.out.find("NVIDIA H100 80GB HBM3  0000:18:00.0  -       10DE:2330  -    0x18  GH100  "
+                       "16896/-/24         -      33 (32-33)  -      37      12     1/81559   1755      "
+                       "2619     306      -"),
             std::string::npos)
       << r.out;
 }

@@ -300,7 +300,9 @@ TEST(GpumonOverlay, ImagesSnapshotsAndClearErrors) {
       {{"--overlay", png, "--gl", "4.6"}, 2, "--gl is 3.3 or 2.1"},
       {{"--overlay", png, "--text", "v9"}, 2, "--text is simplified"},
       {{"--overlay", png, "--size", "100000x100"}, 4, "above this context's limit"},
-      {{"--overlay", out.dir() + "/missing/overlay.png"}, 4, "cannot write"},
+      {{"--overlay", out.dir() + "/missing/overlay.png"},
+       4,
+       "overlay.png: No such file or directory"},
       {{"--overlay", png}, 1, "no GPU to show"},  // the real machine's view: no DRM card here
   };
   for (const auto& [args, code, message] : errors) {

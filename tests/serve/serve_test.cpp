@@ -112,7 +112,7 @@ TEST(Serve, MetricsOfRecords) {
   gpu.vram_used_mb = 2048;
   gpu.throttle_reasons = 0x44 | (1ull << 20);
   std::snprintf(gpu.throttle_reason_text, sizeof gpu.throttle_reason_text, "Unknown");
-  const std::string text = render_metrics({GpuView{3, &gpu, "", ""}}, ScrapeFacts{});
+  const std::string text = render_metrics({GpuView{3, 1, &gpu, "", -1, ""}}, ScrapeFacts{});
   for (const char* part :
        {"gpumon_gpu_memory_used_bytes{gpu=\"3\",name=\"Card \\\"X\\\"\"} 2147483648\n",
         "gpumon_gpu_throttle_reason{gpu=\"3\",name=\"Card \\\"X\\\"\",reason=\"sw_power_cap\"} 1\n",
@@ -123,7 +123,7 @@ TEST(Serve, MetricsOfRecords) {
     EXPECT_EQ(text.find(part), std::string::npos) << part << "\n" << text;
   gpu.vram_used_mb = -1;
   gpu.throttle_reason_text[0] = '\0';  // not read
-  const std::string unread = render_metrics({GpuView{0, &gpu, "", ""}}, ScrapeFacts{});
+  const std::string unread = render_metrics({GpuView{0, 1, &gpu, "", -1, ""}}, ScrapeFacts{});
   EXPECT_EQ(unread.find("memory_used"), std::string::npos);
   EXPECT_EQ(unread.find("throttle"), std::string::npos);
 }

@@ -5,8 +5,10 @@
 #include <png.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 
 #include "gl_api.h"
@@ -234,16 +236,19 @@ std::vector<unsigned char> GlHost::read_pixels() {
 bool GlHost::write_png(const std::string& path, std::string* error) {
   const std::vector<unsigned char> pixels = read_pixels();
   const std::string temporary = path + ".part";
+  errno = 0;
   FILE* file = std::fopen(temporary.c_str(), "wb");
   if (file == nullptr) {
-    *error = "cannot write " + path;
+    *error = "cannot write " + path + ": " + std::strerror(errno);
     return false;
   }
   bool ok = encode_png(file, pixels.data(), state_->width, state_->height);
-  ok = std::fclose(file) == 0 && ok;
-  if (!ok || std::rename(temporary.c_str(), path.c_str()) != 0) {
+  int reason = ok ? 0 : (errno != 0 ? errno : EIO);
+  if (std::fclose(file) != 0 && reason == 0) reason = errno != 0 ? errno : EIO;
+  if (reason == 0 && std::rename(temporary.c_str(), path.c_str()) != 0) reason = errno;
+  if (reason != 0) {
     std::remove(temporary.c_str());
-    *error = "cannot write " + path;
+    *error = "cannot write " + path + ": " + std::strerror(reason);
     return false;
   }
   return true;
