@@ -65,6 +65,12 @@ std::string fans_text(const zev::GPU* gpu) {
   return one_unit ? text + units[0] : text;
 }
 
+// The kernel driver's name; NVIDIA's back-ends know only its version.
+std::string driver_text(const zev::GPU* gpu) {
+  if (gpu->driver_name[0] != '\0') return gpu->driver_name;
+  return gpu->driver_version[0] != '\0' ? gpu->driver_version : "-";
+}
+
 // Video memory in MiB: "used/total", the total alone, or "-".
 std::string vram_text(const zev::GPU* gpu) {
   const std::string total = gpu->vram_size_mb > 0 ? std::to_string(gpu->vram_size_mb) : "-";
@@ -134,7 +140,7 @@ std::string render_table(zev::GpuMonitor* monitor, const std::vector<GpuView>& g
         std::to_string(view.slot),
         display_name(*gpu)[0] ? display_name(*gpu) : "-",
         view.pci_address.empty() ? "-" : view.pci_address,
-        gpu->driver_name[0] ? gpu->driver_name : "-",
+        driver_text(gpu),
         wide ? with_range(gpu->temperatures[0].current, gpu->temperatures[0].min,
                           gpu->temperatures[0].max)
              : format_value(gpu->temperatures[0].current, 0),
