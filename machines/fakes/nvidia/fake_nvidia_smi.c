@@ -155,13 +155,13 @@ static char* next_raw_line(char** cursor) {
   return line;
 }
 
-/* Answers the query from the capture `spec` ("<file> <state>") of the data
+/* Answers the query from the capture `source` ("<file> <state>") of the data
  * file at conf_path; returns the exit status. */
-static int answer_from_capture(const char* conf_path, const char* spec, long index,
+static int answer_from_capture(const char* conf_path, const char* source, long index,
                                const char* field, int units) {
   char file[1024] = "", state[64] = "";
-  if (sscanf(spec, "%1023s %63s", file, state) != 2) {
-    fprintf(stderr, "fake nvidia-smi: capture needs a file and a state: %s\n", spec);
+  if (sscanf(source, "%1023s %63s", file, state) != 2) {
+    fprintf(stderr, "fake nvidia-smi: capture needs a file and a state: %s\n", source);
     return 2;
   }
   char path[4096];
