@@ -2,6 +2,7 @@
 // through one of the host's text paths over the graphs of draw_gpu_data_v1.
 // GPU numbers in the texts count from 1; floats are truncated to ints.
 #include "plugin/gpu_monitor_vorn.h"
+#include "record/record_slots.h"
 #include "zev/font.h"
 #include "zev/gpu_program.h"
 #include "zev/renderer.h"
@@ -46,7 +47,7 @@ void render_text(zev::Renderer* renderer, zev::Camera* camera, zev::GpuProgram* 
 }
 
 int as_int(float v) { return static_cast<int>(v); }
-int temperature_of(const zev::GPU* gpu) { return as_int(gpu->temperatures[0].current); }
+int temperature_of(const zev::GPU* gpu) { return as_int(gpu->temperatures[gpu_record::kCoreTemperature].current); }
 int usage_of(const zev::GPU* gpu) { return as_int(gpu->core_usage[0]); }
 
 }  // namespace
@@ -83,13 +84,13 @@ bool GpuMonitorVorn::draw_gpu_data_v2(zev::Renderer* renderer, int x, int y, int
     const zev::GPU* gpu = get_gpu(i);
     if (!gpu->monitorable) continue;
     const zev::vec4& c = gpu->color;
-    if (gpu->sensor_available[0]) {
+    if (gpu->sensor_available[gpu_record::kTemperatureFlag]) {
       font->bitmap_font_linux_renderf(renderer, window, tx, ty, c.x, c.y, c.z, c.w,
                                       "- GPU%d: %s - core:%ddegC", static_cast<int>(i + 1),
                                       gpu->name, temperature_of(gpu));
       ty += 15;
     }
-    if (gpu->sensor_available[2]) {
+    if (gpu->sensor_available[gpu_record::kUsageFlag]) {
       font->bitmap_font_linux_renderf(renderer, window, tx + 120, ty, c.x, c.y, c.z, c.w, "%d%%",
                                       usage_of(gpu));
       ty += 15;
@@ -110,13 +111,13 @@ bool GpuMonitorVorn::draw_gpu_data_v3(zev::Renderer* renderer, int x, int y, int
     const zev::GPU* gpu = get_gpu(i);
     if (!gpu->monitorable) continue;
     const zev::vec4& c = gpu->color;
-    if (gpu->sensor_available[0]) {
+    if (gpu->sensor_available[gpu_record::kTemperatureFlag]) {
       font->bm_draw_text_2df(static_cast<float>(text_x), static_cast<float>(ty), c.x, c.y, c.z,
                              c.w, "- GPU%d: %s - core:%d degC", static_cast<int>(i + 1),
                              gpu->name, temperature_of(gpu));
       ty += line_step;
     }
-    if (gpu->sensor_available[2]) {
+    if (gpu->sensor_available[gpu_record::kUsageFlag]) {
       font->bm_draw_text_2df(static_cast<float>(text_x + 300), static_cast<float>(ty), c.x, c.y,
                              c.z, c.w, "%d%%", usage_of(gpu));
       ty += line_step;
@@ -142,13 +143,13 @@ bool GpuMonitorVorn::draw_gpu_data_v4(zev::Renderer* renderer, int x, int y, int
     const zev::GPU* gpu = get_gpu(i);
     if (!gpu->monitorable) continue;
     const zev::vec4& c = gpu->color;
-    if (gpu->sensor_available[0]) {
+    if (gpu->sensor_available[gpu_record::kTemperatureFlag]) {
       ft->draw_text_2df(font, static_cast<float>(text_x), static_cast<float>(ty), c.x, c.y, c.z,
                         c.w, "GPU%d: %s - core:%d degC", static_cast<int>(i + 1), gpu->name,
                         temperature_of(gpu));
       ty += line_step;
     }
-    if (gpu->sensor_available[2]) {
+    if (gpu->sensor_available[gpu_record::kUsageFlag]) {
       ft->draw_text_2df(font, static_cast<float>(text_x + 120), static_cast<float>(ty), c.x, c.y,
                         c.z, c.w, "usage:%d%%", usage_of(gpu));
       ty += line_step;
@@ -180,14 +181,14 @@ bool GpuMonitorVorn::draw_gpu_data_v5(zev::Renderer* renderer, int x, int y, int
     const zev::GPU* gpu = get_gpu(i);
     if (!gpu->monitorable) continue;
     const zev::vec4& c = gpu->color;
-    if (gpu->sensor_available[0]) {
+    if (gpu->sensor_available[gpu_record::kTemperatureFlag]) {
       // 0xB0: the degree sign in the font's Latin-1 text.
       font->bm_draw_text_2df(static_cast<float>(tx), static_cast<float>(ty), c.x, c.y, c.z, c.w,
                              "GPU%d: %s - core:%d\xB0" "C", static_cast<int>(i + 1), gpu->name,
                              temperature_of(gpu));
       ty += line_step;
     }
-    if (show_usage && gpu->sensor_available[2]) {
+    if (show_usage && gpu->sensor_available[gpu_record::kUsageFlag]) {
       font->bm_draw_text_2df(static_cast<float>(tx + 120), static_cast<float>(ty), c.x, c.y, c.z,
                              c.w, "usage:%d%%", usage_of(gpu));
       ty += line_step;

@@ -6,77 +6,22 @@
 //   2. DRM, when the DRM indices the sensor needs are all 0 or more;
 //   3. Raspberry Pi, when the vendor is Broadcom.
 // Integer readings become floats; every new current value of a triple
-// (usage, clock, temperature) folds into its running minimum and maximum.
-//
-// The update thread runs these while the host reads the same records; the
-// stores below are single 32-bit writes and no lock is taken, by design.
+// (usage, clock, temperature) folds into its running minimum and maximum
+// (record/record_writes.h).
+#include "gpudb/vendor_tables.h"
 #include "plugin/gpu_monitor_vorn.h"
-
-// Out of line and out of interprocedural optimisation: the access below is
-// made by this very function, never moved into its caller.
-#if defined(__clang__)
-#define ZEV_OUT_OF_LINE __attribute__((noinline))
-#else
-#define ZEV_OUT_OF_LINE __attribute__((noipa))
-#endif
+#include "record/record_writes.h"
 
 namespace {
 
-constexpr uint64_t kVendorBroadcom = 0x14E4;
+using namespace gpu_record;
 
 bool nv_smi_source(const zev::GPU* gpu) { return gpu->nvidia_gpu_index >= 0; }
 bool drm_card_source(const zev::GPU* gpu) { return gpu->drm_card_index >= 0; }
 bool drm_hwmon_source(const zev::GPU* gpu) {
   return gpu->drm_card_index >= 0 && gpu->drm_hwmon_index >= 0;
 }
-bool rpi_source(const zev::GPU* gpu) { return gpu->vendor_id == kVendorBroadcom; }
-
-// -1.0 is the "not read yet" sentinel of minimum and maximum.
-void fold_min_max(float value, float* min, float* max) {
-  if (*min == -1.0f || *min > value) *min = value;
-  if (*max == -1.0f || *max < value) *max = value;
-}
-
-// The stores the update thread shares with the host's readers. They are
-// kept out of line so that race reports (and their suppressions) can name
-// exactly these writes.
-ZEV_OUT_OF_LINE void store_usage_reading(float* triple, float value) {
-  triple[0] = value;
-  fold_min_max(value, &triple[1], &triple[2]);
-}
-
-ZEV_OUT_OF_LINE void store_clock_reading(zev::gpuClock* clock, float value) {
-  clock->current = value;
-  fold_min_max(value, &clock->min, &clock->max);
-}
-
-ZEV_OUT_OF_LINE void store_temperature_reading(zev::gpuTemperature* temperature, float value) {
-  temperature->current = value;
-  temperature->update_min_max();
-}
-
-// Both nvidia-smi and DRM deliver whole watts: `watts` keeps them and
-// `current` the reading times 0.001 (the NVML path keeps milliwatts there).
-ZEV_OUT_OF_LINE float store_power_reading(zev::gpuPower* power, int reading) {
-  power->watts = static_cast<float>(reading);
-  power->current = 0.001f * static_cast<float>(reading);
-  return power->current;
-}
-
-ZEV_OUT_OF_LINE void store_fan_reading(zev::gpuFanSpeed* fan, int rpm) {
-  fan->speed_percent = -1.0f;
-  fan->rpm = static_cast<float>(rpm);
-}
-
-ZEV_OUT_OF_LINE void store_memory_reading(zev::GPU* gpu, int mib) { gpu->vram_used_mb = mib; }
-
-// nvidia-smi's fan.speed is a percentage of the fan's maximum. The first
-// design stored it as RPM (an RTX 2080 SUPER at 38 % showed "38 RPM"): it
-// goes to the percentage, and the RPM is unknown.
-ZEV_OUT_OF_LINE void store_fan_percent(zev::gpuFanSpeed* fan, int percent) {
-  fan->speed_percent = static_cast<float>(percent);
-  fan->rpm = -1.0f;
-}
+bool rpi_source(const zev::GPU* gpu) { return gpu->vendor_id == gpudb_vendor::kBroadcom; }
 
 }  // namespace
 
@@ -183,17 +128,17 @@ bool GpuMonitorVorn::gpu_get_temperatures(unsigned long index, float* core_c, fl
   if (nv_smi_source(gpu)) {
     int celsius = 0;
     if (linux_nv_smi_read_gpu_temperature(gpu->nvidia_gpu_index, &celsius)) {
-      store(static_cast<float>(celsius), &gpu->temperatures[0], core_c);
+      store(static_cast<float>(celsius), &gpu->temperatures[kCoreTemperature], core_c);
     }
     if (linux_nv_smi_read_vram_temperature(gpu->nvidia_gpu_index, &celsius)) {
-      store(static_cast<float>(celsius), &gpu->temperatures[2], memory_c);
+      store(static_cast<float>(celsius), &gpu->temperatures[kMemoryTemperature], memory_c);
     }
   }
   if (drm_hwmon_source(gpu) && gpu->drm_temp_input_index >= 0) {
     int celsius = 0;
     if (linux_drm_read_gpu_temperature(gpu->drm_card_index, gpu->drm_hwmon_index,
                                        gpu->drm_temp_input_index, &celsius)) {
-      store(static_cast<float>(celsius), &gpu->temperatures[0], core_c);
+      store(static_cast<float>(celsius), &gpu->temperatures[kCoreTemperature], core_c);
     }
   }
   // The memory temperature: the input labelled "mem" (amdgpu) or "vram" (xe).
@@ -204,7 +149,7 @@ bool GpuMonitorVorn::gpu_get_temperatures(unsigned long index, float* core_c, fl
   if (rpi_source(gpu)) {
     float celsius = -1.0f;
     if (linux_arm64_rpi_read_gpu_core_temp(&celsius)) {
-      store(celsius, &gpu->temperatures[0], core_c);
+      store(celsius, &gpu->temperatures[kCoreTemperature], core_c);
     }
   }
   return read;
@@ -217,7 +162,7 @@ bool GpuMonitorVorn::gpu_power_get_current_value(unsigned long index, float*, fl
   bool read = false;
 
   auto store = [&](int reading) {
-    const float current = store_power_reading(&gpu->power, reading);
+    const float current = store_power_reading(&gpu->power, static_cast<float>(reading));
     if (watts != nullptr) *watts = current;
     read = true;
   };
@@ -249,11 +194,7 @@ bool GpuMonitorVorn::gpu_read_fan_speed(unsigned long index) {
   if (nv_smi_source(gpu)) {
     int percent = 0;
     if (linux_nv_smi_read_gpu_fan_speed(gpu->nvidia_gpu_index, &percent)) {
-      if (gpu->fans == nullptr) {
-        gpu->num_fans = 1;
-        gpu->fans = new zev::gpuFanSpeed[1];
-      }
-      store_fan_percent(&gpu->fans[0], percent);
+      store_fan_percent(single_fan(gpu), static_cast<float>(percent));
       return true;
     }
   }
@@ -268,7 +209,7 @@ bool GpuMonitorVorn::gpu_read_fan_speed(unsigned long index) {
   for (unsigned long i = 0; i < gpu->num_fans; ++i) {
     int rpm = 0;
     if (linux_drm_read_gpu_fan_speed(gpu->drm_card_index, gpu->drm_hwmon_index, i + 1, &rpm)) {
-      store_fan_reading(&gpu->fans[i], rpm);
+      store_fan_reading(&gpu->fans[i], static_cast<float>(rpm));
     }
   }
   return true;

@@ -4,6 +4,8 @@
 #include <cmath>
 #include <cstdio>
 
+#include "record/record_slots.h"
+
 namespace {
 
 constexpr size_t kHistoryLength = 512;
@@ -144,7 +146,7 @@ std::vector<Row> gpu_block(const GpuView& view, const GpuHistory& history, bool 
 
   RowBuilder heat;
   heat.skip(2);
-  const float temperature = gpu.temperatures[0].current, limit = temperature_limit(gpu);
+  const float temperature = gpu.temperatures[gpu_record::kCoreTemperature].current, limit = temperature_limit(gpu);
   bar(&heat, "TEMP ", known(temperature) ? temperature / limit : -1.0, bar_width,
       format("%.0f", temperature) + (has_threshold(gpu) ? format("/%.0f C", limit) : " C"));
   const float watts = gpu.power.watts, watts_limit = power_limit(gpu);
@@ -213,7 +215,7 @@ void clip(Row* row, int width) {
 
 void GpuHistory::add(const zev::GPU& gpu) {
   usage.push_back(gpu.core_usage[0]);
-  temperature.push_back(gpu.temperatures[0].current);
+  temperature.push_back(gpu.temperatures[gpu_record::kCoreTemperature].current);
   if (usage.size() > kHistoryLength) usage.pop_front();
   if (temperature.size() > kHistoryLength) temperature.pop_front();
 }

@@ -6,6 +6,7 @@
 #include <sstream>
 
 #include "gpu_fields.h"
+#include "record/record_slots.h"
 
 namespace {
 
@@ -135,10 +136,10 @@ std::string render_table(zev::GpuMonitor* monitor, const std::vector<GpuView>& g
         display_name(*gpu)[0] ? display_name(*gpu) : "-",
         view.pci_address.empty() ? "-" : view.pci_address,
         gpu->driver_name[0] ? gpu->driver_name : "-",
-        wide ? with_range(gpu->temperatures[0].current, gpu->temperatures[0].min,
-                          gpu->temperatures[0].max)
-             : format_value(gpu->temperatures[0].current, 0),
-        format_value(gpu->temperatures[2].current, 0),
+        wide ? with_range(gpu->temperatures[gpu_record::kCoreTemperature].current, gpu->temperatures[gpu_record::kCoreTemperature].min,
+                          gpu->temperatures[gpu_record::kCoreTemperature].max)
+             : format_value(gpu->temperatures[gpu_record::kCoreTemperature].current, 0),
+        format_value(gpu->temperatures[gpu_record::kMemoryTemperature].current, 0),
         format_value(gpu->core_usage[0], 0),
         format_value(gpu->memory_usage[0], 0),
         format_value(gpu->core_clock.current, 0),

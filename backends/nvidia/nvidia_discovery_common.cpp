@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "gpudb/record_names.h"
+#include "record/record_writes.h"
 
 namespace {
 
@@ -56,8 +57,6 @@ void nvidia_release_if_unlisted(GpuMonitorVorn* monitor, zev::GPU* gpu) {
   for (unsigned long i = 0; i < GpuMonitorVorn::kMaxGpus; ++i) {
     if (monitor->gpus[i] == gpu || monitor->nvml_gpus[i] == gpu) return;
   }
-  delete[] gpu->process_utilization;
-  delete[] gpu->perf_levels;
-  delete[] gpu->fans;
+  gpu_record::free_record_arrays(gpu);
   delete gpu;
 }

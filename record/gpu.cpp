@@ -1,27 +1,14 @@
 #include <cstring>
 #include <initializer_list>
 
+#include "record/record_writes.h"
 #include "zev/gpu.h"
 
 namespace zev {
 
-namespace {
-
-// The unknown-value sentinel is compared exactly; NaN is not the sentinel.
-bool is_unset(float v) { return v == -1.0f; }
-
-}  // namespace
-
 void gpuTemperature::reset() { current = min = max = -1.0f; }
 
-void gpuTemperature::update_min_max() {
-  if (is_unset(min) || min > current) min = current;
-  if (is_unset(max)) {
-    max = current;
-  } else if (current > max) {
-    max = current;
-  }
-}
+void gpuTemperature::update_min_max() { gpu_record::fold_min_max(current, &min, &max); }
 
 void gpuPower::reset() {
   float* slots = &value;
@@ -29,12 +16,8 @@ void gpuPower::reset() {
 }
 
 void gpuPower::update_max_in_test() {
-  if (is_unset(value_max_in_test) || value > value_max_in_test) value_max_in_test = value;
-  if (is_unset(watts_max_in_test)) {
-    watts_max_in_test = watts;
-  } else if (watts > watts_max_in_test) {
-    watts_max_in_test = watts;
-  }
+  gpu_record::fold_max(value, &value_max_in_test);
+  gpu_record::fold_max(watts, &watts_max_in_test);
 }
 
 gpuFanSpeed::gpuFanSpeed()
@@ -137,13 +120,7 @@ void GPU::reset_sensors() {
 }
 
 void GPU::update_usages_max() {
-  for (float* triple : {core_usage, memory_usage}) {
-    if (is_unset(triple[2])) {
-      triple[2] = triple[0];
-    } else if (triple[0] > triple[2]) {
-      triple[2] = triple[0];
-    }
-  }
+  for (float* triple : {core_usage, memory_usage}) gpu_record::fold_max(triple[0], &triple[2]);
 }
 
 }  // namespace zev
