@@ -11,6 +11,7 @@
 
 #include "backends/drm/drm_extra_sensors.h"
 #include "backends/nvidia/nvml_types.h"
+#include "io/copy_text.h"
 #include "zev/gpu.h"
 #include "zev/gpu_monitor.h"
 
@@ -351,7 +352,3 @@ class GpuMonitorVorn : public zev::GpuMonitor {
 
 // Entry point of the update thread (plugin/update.cpp).
 void* GpuMonitoring_Update_Thread(void* monitor);
-
-// Bounded copy into a fixed text field: at most size - 1 characters, always
-// terminated. A null source copies nothing and leaves an empty text.
-void copy_text(char* dst, unsigned long size, const char* src);

@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-#include "plugin/text_file.h"
+#include "io/text_file.h"
 
 namespace board_model {
 

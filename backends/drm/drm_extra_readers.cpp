@@ -4,7 +4,7 @@
 
 #include "backends/drm/drm_sysfs.h"
 #include "plugin/gpu_monitor_vorn.h"
-#include "plugin/text_file.h"
+#include "io/text_file.h"
 
 namespace drm_extra {
 

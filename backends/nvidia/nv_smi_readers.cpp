@@ -15,7 +15,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "plugin/command_pipe.h"
+#include "io/command_pipe.h"
 #include "plugin/gpu_monitor_vorn.h"
 
 namespace {
