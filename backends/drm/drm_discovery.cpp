@@ -10,7 +10,7 @@
 #include "backends/drm/drm_entries.h"
 #include "backends/drm/drm_extra_sensors.h"
 #include "backends/drm/drm_sysfs.h"
-#include "gpudb/record_names.h"
+#include "gpudb/gpu_db.h"
 #include "gpudb/vendor_tables.h"
 #include "plugin/gpu_monitor_vorn.h"
 #include "record/record_writes.h"
@@ -89,18 +89,17 @@ void read_hwmon_sensors(GpuMonitorVorn* monitor, zev::GPU* gpu, int card, int hw
 
 // Name, codename, unit counts and TDP from the GPU database. AMD rows may
 // depend on the revision text; the other vendors' lookups ignore it.
-void name_from_database(GpuMonitorVorn* monitor, zev::GPU* gpu, const char* revision_text) {
+void name_from_database(zev::GPU* gpu, const char* revision_text) {
   const int index =
-      static_cast<int>(monitor->gpu_db_get_index_v2(gpu->vendor_id, gpu->device_id, revision_text));
+      static_cast<int>(gpudb::index_of_revision(gpu->vendor_id, gpu->device_id, revision_text));
   if (index < 0) return;
-  gpu_db_copy_names(monitor, gpu, index);
+  gpudb::copy_names(gpu, index);
   // Stored as the database holds them; -1 there means unknown.
-  gpu->num_shader_cores = static_cast<uint32_t>(
-      monitor->gpu_db_get_num_unified_shader_processors(gpu->vendor_id, index));
-  gpu->num_texture_units =
-      static_cast<uint32_t>(monitor->gpu_db_get_num_texture_units(gpu->vendor_id, index));
-  gpu->num_rops = static_cast<uint32_t>(monitor->gpu_db_get_num_rops(gpu->vendor_id, index));
-  gpu->tdp_w = static_cast<uint32_t>(monitor->gpu_db_get_tdp(gpu->vendor_id, index));
+  gpu->num_shader_cores =
+      static_cast<uint32_t>(gpudb::num_unified_shader_processors(gpu->vendor_id, index));
+  gpu->num_texture_units = static_cast<uint32_t>(gpudb::num_texture_units(gpu->vendor_id, index));
+  gpu->num_rops = static_cast<uint32_t>(gpudb::num_rops(gpu->vendor_id, index));
+  gpu->tdp_w = static_cast<uint32_t>(gpudb::tdp(gpu->vendor_id, index));
 }
 
 // The card's hwmon folder: the first hwmon<K> in ascending K whose name
@@ -193,7 +192,7 @@ bool GpuMonitorVorn::linux_drm_init_gpus() {
     if (found_hwmon >= 0) read_hwmon_sensors(this, gpu, c, found_hwmon);
     drm_extra::discover(c, found_hwmon, gpu, &drm_extra_sensors[gpu->index], trace_line, this);
 
-    name_from_database(this, gpu, revision_text);
+    name_from_database(gpu, revision_text);
 
     if (gpu->monitorable) ++num_monitorable_gpus;
   }

@@ -116,7 +116,7 @@ bool GpuMonitorVorn::linux_nv_smi_init_gpus() {
 
     describe_gpu(this, gpu, i);
     read_sensors(this, gpu, i);
-    nvidia_name_from_database(this, gpu, ShaderCountSource::kDatabaseAlways);
+    nvidia_name_from_database(gpu, ShaderCountSource::kDatabaseAlways);
     nvidia_check_rop_count(this, gpu, i);
     if (gpu->monitorable) ++num_monitorable_gpus;
   }

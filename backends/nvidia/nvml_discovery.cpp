@@ -272,7 +272,7 @@ void add_device(GpuMonitorVorn* monitor, unsigned int index, const char* driver_
     ++monitor->num_monitorable_gpus;
   }
 
-  nvidia_name_from_database(monitor, gpu, ShaderCountSource::kDriverFirst);
+  nvidia_name_from_database(gpu, ShaderCountSource::kDriverFirst);
   nvidia_check_rop_count(monitor, gpu, index);
   nvidia_release_if_unlisted(monitor, gpu);
 }
