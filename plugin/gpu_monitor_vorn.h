@@ -174,7 +174,7 @@ class GpuMonitorVorn : public zev::GpuMonitor {
                                 int* overvoltage) override;
   bool rt_get_cpu_temperature_and_usage(unsigned long, float* temperature, float* usage) override;
 
-  // System information (sysinfo/).
+  // System information (plugin/system_info.cpp, over sysinfo/).
   const char* get_cpu_name() override;
   unsigned long get_cpu_speed_mhz() override;
   unsigned long get_cpu_mem_kb() override;
@@ -268,7 +268,8 @@ class GpuMonitorVorn : public zev::GpuMonitor {
                                 int* watts);
 
   // Raspberry Pi back-end (backends/rpi/).
-  bool linux_arm64_rpi_init_gpus();
+  // `model`: the board model; on boards other than a Pi 3, 4 or 5 nothing is added.
+  bool linux_arm64_rpi_init_gpus(const char* model);
   bool linux_arm64_rpi_read_gpu_core_clock(float* mhz);
   bool linux_arm64_rpi_read_gpu_usage_v2(zev::GPU* gpu, float* percent);
   bool linux_arm64_rpi_read_gpu_usage_v1(zev::GPU* gpu, float* percent);

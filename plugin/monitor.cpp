@@ -95,8 +95,9 @@ bool GpuMonitorVorn::initialize() {
   init_gpus_linux();
   // A Raspberry Pi's V3D GPU has no PCI identity: on a Pi 3, 4 or 5 its
   // discovery runs after the DRM scan (which still finds a PCI card on a
-  // Pi 5). On other machines it finds no Pi board and adds nothing.
-  linux_arm64_rpi_init_gpus();
+  // Pi 5), from the board model, which is the CPU name there. On other
+  // machines it finds no Pi board and adds nothing.
+  linux_arm64_rpi_init_gpus(cpu_name);
   update_all_gpus_marketing_name();
   sort_gpus_by_bus_id();
 

@@ -1,12 +1,12 @@
 // Raspberry Pi discovery: the VideoCore V3D block has no PCI identity, so one
-// record is made from the board model (the monitor's CPU name on a Pi) and a
-// board table, and given first readings of the three Pi readers.
+// record is made from the board model (system information's answer to
+// "which board is this", the CPU name on a Pi) and a board table, and given first readings of the three Pi readers.
 #include <cstring>
 
-#include "backends/rpi/rpi_board.h"
 #include "gpudb/vendor_tables.h"
 #include "plugin/gpu_monitor_vorn.h"
 #include "record/record_writes.h"
+#include "sysinfo/board_model.h"
 
 namespace {
 
@@ -28,16 +28,8 @@ const Board kBoards[] = {
 
 }  // namespace
 
-bool raspberry_pi_model(const char* text) {
-  if (text == nullptr) return false;
-  for (const Board& board : kBoards)
-    if (std::strstr(text, board.model) != nullptr) return true;
-  return false;
-}
-
-bool GpuMonitorVorn::linux_arm64_rpi_init_gpus() {
-  const char* model = get_cpu_name();
-  if (!raspberry_pi_model(model)) return false;
+bool GpuMonitorVorn::linux_arm64_rpi_init_gpus(const char* model) {
+  if (!board_model::raspberry_pi_model(model)) return false;
 
   tracef("Raspberry Pi (arm64) platform: reading GPU info...");
   zev::GPU* gpu = create_gpu();
