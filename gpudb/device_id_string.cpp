@@ -19,8 +19,7 @@ void take(const char* s, size_t n, char* out) {
 
 // The four characters at a fixed position (the layout is assumed, not
 // searched); a string too short yields NULs for what it lacks.
-bool fixed_field(const char* s, size_t position, char* text,
-                 unsigned long* value) {
+bool fixed_field(const char* s, size_t position, char* text, unsigned long* value) {
   if (s == nullptr) return false;
   char digits[4];
   const size_t length = std::strlen(s);
@@ -36,28 +35,23 @@ bool fixed_field(const char* s, size_t position, char* text,
 
 }  // namespace
 
-bool vendor_id_from_device_id_string(const char* s, char* text,
-                                                        unsigned long* value) {
+bool vendor_id_from_device_id_string(const char* s, char* text, unsigned long* value) {
   return fixed_field(s, 8, text, value);
 }
 
-bool device_id_from_device_id_string(const char* s, char* text,
-                                                        unsigned long* value) {
+bool device_id_from_device_id_string(const char* s, char* text, unsigned long* value) {
   return fixed_field(s, 17, text, value);
 }
 
-bool subdevice_id_from_device_id_string(const char* s, char* text,
-                                                           unsigned long* value) {
+bool subdevice_id_from_device_id_string(const char* s, char* text, unsigned long* value) {
   return fixed_field(s, 29, text, value);
 }
 
-bool subvendor_id_from_device_id_string(const char* s, char* text,
-                                                           unsigned long* value) {
+bool subvendor_id_from_device_id_string(const char* s, char* text, unsigned long* value) {
   return fixed_field(s, 33, text, value);
 }
 
-unsigned int index_from_device_id_string(const char* s,
-                                                                    zev::GPU* gpu) {
+unsigned int index_from_device_id_string(const char* s, zev::GPU* gpu) {
   if (s == nullptr) return kNotFound;
   const char* ven = std::strstr(s, "VEN_");
   if (ven == nullptr) return kNotFound;

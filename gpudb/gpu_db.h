@@ -16,8 +16,7 @@ constexpr unsigned int kNotFound = 0xFFFFFFFFu;
 unsigned int index_of(unsigned long vendor, unsigned long device);
 // AMD: the first row whose revision matches (rows without one match any);
 // the other vendors as index_of.
-unsigned int index_of_revision(unsigned long vendor, unsigned long device,
-                               const char* revision);
+unsigned int index_of_revision(unsigned long vendor, unsigned long device, const char* revision);
 // NVIDIA: the row whose variant, read as four hex digits, is `value`.
 unsigned int index_of_variant(unsigned long vendor, unsigned long device, unsigned long value);
 
@@ -33,8 +32,7 @@ int num_rops(unsigned long vendor, int index);
 // `row_count` rows of `table`, or in the vendor's table.
 const char* name_from_devices_table(const GpuDbTable* table, unsigned long row_count,
                                     unsigned long device, unsigned long revision);
-const char* name_from_device_id(unsigned long vendor, unsigned long device,
-                                unsigned long revision);
+const char* name_from_device_id(unsigned long vendor, unsigned long device, unsigned long revision);
 
 // Hex digits of PCI ids (pci_strings.cpp).
 unsigned int to_hex(char c);

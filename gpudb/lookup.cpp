@@ -52,8 +52,7 @@ unsigned int index_of(unsigned long vendor, unsigned long device) {
   return kNotFound;
 }
 
-unsigned int index_of_revision(unsigned long vendor, unsigned long device,
-                                                 const char* revision) {
+unsigned int index_of_revision(unsigned long vendor, unsigned long device, const char* revision) {
   if (vendor != gpudb_vendor::kAmd) return index_of(vendor, device);
   const GpuDbTable table = gpu_db_index_table(vendor);
   for (unsigned long i = 0; i < table.num_rows; ++i) {
@@ -68,8 +67,7 @@ unsigned int index_of_revision(unsigned long vendor, unsigned long device,
   return kNotFound;
 }
 
-unsigned int index_of_variant(unsigned long vendor, unsigned long device,
-                                                 unsigned long value) {
+unsigned int index_of_variant(unsigned long vendor, unsigned long device, unsigned long value) {
   if (vendor != gpudb_vendor::kNvidia || device == 0 || value == 0) return kNotFound;
   const GpuDbTable table = gpu_db_index_table(vendor);
   for (unsigned long i = 0; i < table.num_rows; ++i) {
@@ -81,8 +79,7 @@ unsigned int index_of_variant(unsigned long vendor, unsigned long device,
     // NULs past its end rather than whatever follows it in memory.
     char digits[4] = {0, 0, 0, 0};
     for (int k = 0; k < 4 && variant[k] != '\0'; ++k) digits[k] = variant[k];
-    if (same_device(row, device) &&
-        str_to_hex(digits[0], digits[1], digits[2], digits[3]) == value)
+    if (same_device(row, device) && str_to_hex(digits[0], digits[1], digits[2], digits[3]) == value)
       return static_cast<unsigned int>(i);
   }
   return kNotFound;
@@ -106,9 +103,7 @@ const char* codename(unsigned long vendor, int index) {
   return row ? table.codename(*row) : nullptr;
 }
 
-int tdp(unsigned long vendor, int index) {
-  return number_at(vendor, index, &GpuDbRow::tdp);
-}
+int tdp(unsigned long vendor, int index) { return number_at(vendor, index, &GpuDbRow::tdp); }
 
 int num_unified_shader_processors(unsigned long vendor, int index) {
   return number_at(vendor, index, &GpuDbRow::num_unified_shader_processors);
@@ -123,10 +118,8 @@ int num_rops(unsigned long vendor, int index) {
 }
 
 // At most row_count of the table's rows are walked.
-const char* name_from_devices_table(const GpuDbTable* table,
-                                                            unsigned long row_count,
-                                                            unsigned long device,
-                                                            unsigned long revision) {
+const char* name_from_devices_table(const GpuDbTable* table, unsigned long row_count,
+                                    unsigned long device, unsigned long revision) {
   const GpuDbTable* t = table;
   if (t == nullptr || t->rows == nullptr) return nullptr;
   for (unsigned long i = 0; i < row_count && i < t->num_rows; ++i) {
@@ -143,9 +136,8 @@ const char* name_from_devices_table(const GpuDbTable* table,
   return nullptr;
 }
 
-const char* name_from_device_id(unsigned long vendor,
-                                                        unsigned long device,
-                                                        unsigned long revision) {
+const char* name_from_device_id(unsigned long vendor, unsigned long device,
+                                unsigned long revision) {
   // S3 Graphics is left out on purpose: its ids name no adapter here.
   if (vendor == gpudb_vendor::kS3) return nullptr;
   const GpuDbTable table = gpu_db_index_table(vendor);

@@ -17,8 +17,7 @@ void replace_text(char* field, unsigned long size, const char* text) {
 
 void copy_names(zev::GPU* gpu, int index) {
   replace_text(gpu->name, sizeof gpu->name, adapter_name(gpu->vendor_id, index));
-  replace_text(gpu->codename, sizeof gpu->codename,
-               codename(gpu->vendor_id, index));
+  replace_text(gpu->codename, sizeof gpu->codename, codename(gpu->vendor_id, index));
 }
 
 }  // namespace gpudb

@@ -11,4 +11,3 @@ void copy_text(char* dst, unsigned long size, const char* src) {
   }
   dst[n] = '\0';
 }
-

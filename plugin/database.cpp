@@ -70,22 +70,21 @@ unsigned int GpuMonitorVorn::str_to_hex(char a, char b, char c, char d) {
 }
 unsigned int GpuMonitorVorn::str_to_hex2(char a, char b) { return gpudb::str_to_hex2(a, b); }
 bool GpuMonitorVorn::getVendorID_From_FullDeviceIDString(const char* s, char* text,
-                                                        unsigned long* value) {
+                                                         unsigned long* value) {
   return gpudb::vendor_id_from_device_id_string(s, text, value);
 }
 bool GpuMonitorVorn::getDeviceID_From_FullDeviceIDString(const char* s, char* text,
-                                                        unsigned long* value) {
+                                                         unsigned long* value) {
   return gpudb::device_id_from_device_id_string(s, text, value);
 }
 bool GpuMonitorVorn::getSubVendorID_From_FullDeviceIDString(const char* s, char* text,
-                                                           unsigned long* value) {
+                                                            unsigned long* value) {
   return gpudb::subvendor_id_from_device_id_string(s, text, value);
 }
 bool GpuMonitorVorn::getSubDeviceID_From_FullDeviceIDString(const char* s, char* text,
-                                                           unsigned long* value) {
+                                                            unsigned long* value) {
   return gpudb::subdevice_id_from_device_id_string(s, text, value);
 }
-unsigned int GpuMonitorVorn::gpu_db_get_index_from_device_id_string(const char* s,
-                                                                    zev::GPU* gpu) {
+unsigned int GpuMonitorVorn::gpu_db_get_index_from_device_id_string(const char* s, zev::GPU* gpu) {
   return gpudb::index_from_device_id_string(s, gpu);
 }

@@ -55,7 +55,8 @@ bool GpuMonitorVorn::gpu_get_clocks(unsigned long index, float* core_mhz, float*
     }
   }
   // Intel GT clocks (i915, xe), which no hwmon file holds.
-  if (drm_card_source(gpu) && drm_extra_sensors[gpu->index].intel_clock != drm_extra::IntelClock::kNone &&
+  if (drm_card_source(gpu) &&
+      drm_extra_sensors[gpu->index].intel_clock != drm_extra::IntelClock::kNone &&
       drm_extra::refresh_intel_clock(drm_extra_sensors[gpu->index], gpu, core_mhz)) {
     read = true;
   }
@@ -98,7 +99,8 @@ bool GpuMonitorVorn::gpu_get_usages(unsigned long index, float* core_percent, fl
       store(static_cast<float>(percent), gpu->core_usage, core_percent);
     }
     // Memory busy percent and video memory in use (amdgpu).
-    if (drm_extra::refresh_memory_usage(drm_extra_sensors[gpu->index], gpu, memory_percent)) read = true;
+    if (drm_extra::refresh_memory_usage(drm_extra_sensors[gpu->index], gpu, memory_percent))
+      read = true;
   }
   if (rpi_source(gpu)) {
     float percent = -1.0f;
@@ -180,7 +182,8 @@ bool GpuMonitorVorn::gpu_power_get_current_value(unsigned long index, float*, fl
   }
   // The power limit, and power from an energy counter where no power input
   // reads (i915, xe).
-  if (drm_hwmon_source(gpu) && drm_extra::refresh_power(&drm_extra_sensors[gpu->index], gpu, watts)) {
+  if (drm_hwmon_source(gpu) &&
+      drm_extra::refresh_power(&drm_extra_sensors[gpu->index], gpu, watts)) {
     read = true;
   }
   return read;

@@ -67,8 +67,8 @@ class GpuMonitorVorn : public zev::GpuMonitor {
   bool graph2d_cleanup(zev::Renderer* renderer) override;
   void set_viewport(int x, int y, int w, int h) override;
   zev::Viewport get_viewport() override;
-  bool draw_gpu_info_simplified(zev::Renderer* renderer, zev::RenderWindow* window,
-                                zev::Font* font, int x, int y, int line_step) override;
+  bool draw_gpu_info_simplified(zev::Renderer* renderer, zev::RenderWindow* window, zev::Font* font,
+                                int x, int y, int line_step) override;
   bool draw_gpu_data_v1(zev::Renderer* renderer, int x, int y, int w, int h,
                         bool show_usage_bars) override;
   bool draw_gpu_data_v2(zev::Renderer* renderer, int x, int y, int w, int h,
@@ -113,8 +113,7 @@ class GpuMonitorVorn : public zev::GpuMonitor {
   unsigned int gpu_db_get_index(unsigned long vendor, unsigned long device);
   unsigned int gpu_db_get_index_v2(unsigned long vendor, unsigned long device,
                                    const char* revision);
-  unsigned int gpu_db_get_index_v3(unsigned long vendor, unsigned long device,
-                                   unsigned long value);
+  unsigned int gpu_db_get_index_v3(unsigned long vendor, unsigned long device, unsigned long value);
   const char* gpu_db_get_adapter_name(unsigned long vendor, int index);
   const char* gpu_db_get_gpu_codename(unsigned long vendor, int index);
   int gpu_db_get_tdp(unsigned long vendor, int index);
@@ -260,8 +259,8 @@ class GpuMonitorVorn : public zev::GpuMonitor {
   bool linux_drm_read_driver_name(unsigned long card, unsigned long hwmon, char* text);
   bool linux_drm_read_gpu_core_clock(unsigned long card, unsigned long hwmon, int* mhz);
   bool linux_drm_read_vram_clock(unsigned long card, unsigned long hwmon, int* mhz);
-  bool linux_drm_read_gpu_temperature(unsigned long card, unsigned long hwmon,
-                                      unsigned long sensor, int* celsius);
+  bool linux_drm_read_gpu_temperature(unsigned long card, unsigned long hwmon, unsigned long sensor,
+                                      int* celsius);
   bool linux_drm_read_gpu_fan_speed(unsigned long card, unsigned long hwmon, unsigned long sensor,
                                     int* rpm);
   bool linux_drm_read_gpu_power(unsigned long card, unsigned long hwmon, unsigned long sensor,

@@ -21,7 +21,11 @@ void gpuPower::update_max_in_test() {
 }
 
 gpuFanSpeed::gpuFanSpeed()
-    : speed_percent(-1.0f), reserved1(-1.0f), reserved2(-1.0f), rpm(-1.0f), reserved4(-1.0f),
+    : speed_percent(-1.0f),
+      reserved1(-1.0f),
+      reserved2(-1.0f),
+      rpm(-1.0f),
+      reserved4(-1.0f),
       reserved5(-1.0f) {}
 
 gpuBoostv2::gpuBoostv2() { std::memset(values, 0, sizeof values); }
@@ -36,8 +40,13 @@ gpuProcessUtilization::gpuProcessUtilization() : pid(0), timestamp(0), sm_util(0
 }
 
 gpuClock::gpuClock()
-    : current(-1.0f), min(-1.0f), max(-1.0f), reserved3(-1.0f), reported_max_clock(-1.0f),
-      reserved5(0), max_clock(-1.0f) {}
+    : current(-1.0f),
+      min(-1.0f),
+      max(-1.0f),
+      reserved3(-1.0f),
+      reported_max_clock(-1.0f),
+      reserved5(0),
+      max_clock(-1.0f) {}
 
 GPU::GPU() {
   // Start from all zero bytes (texts empty, counts 0, pointers null), then

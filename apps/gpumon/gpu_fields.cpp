@@ -198,21 +198,33 @@ const std::vector<GpuField> kFields = {
        return mj > 0.0f ? FieldValue::reading(mj, 1000.0) : FieldValue::unknown();
      }},
     {"temperature.gpu", "temperature_c.core", "C", "core temperature",
-     [](const GpuView& v) { return FieldValue::reading(v.gpu->temperatures[gpu_record::kCoreTemperature].current); }},
+     [](const GpuView& v) {
+       return FieldValue::reading(v.gpu->temperatures[gpu_record::kCoreTemperature].current);
+     }},
     {"temperature.gpu.lowest", "temperature_c.core_lowest", "C",
      "lowest core temperature since start",
-     [](const GpuView& v) { return FieldValue::reading(v.gpu->temperatures[gpu_record::kCoreTemperature].min); }},
+     [](const GpuView& v) {
+       return FieldValue::reading(v.gpu->temperatures[gpu_record::kCoreTemperature].min);
+     }},
     {"temperature.gpu.highest", "temperature_c.core_highest", "C",
      "highest core temperature since start",
-     [](const GpuView& v) { return FieldValue::reading(v.gpu->temperatures[gpu_record::kCoreTemperature].max); }},
+     [](const GpuView& v) {
+       return FieldValue::reading(v.gpu->temperatures[gpu_record::kCoreTemperature].max);
+     }},
     {"temperature.memory", "temperature_c.memory", "C", "memory temperature",
-     [](const GpuView& v) { return FieldValue::reading(v.gpu->temperatures[gpu_record::kMemoryTemperature].current); }},
+     [](const GpuView& v) {
+       return FieldValue::reading(v.gpu->temperatures[gpu_record::kMemoryTemperature].current);
+     }},
     {"temperature.memory.lowest", "temperature_c.memory_lowest", "C",
      "lowest memory temperature since start",
-     [](const GpuView& v) { return FieldValue::reading(v.gpu->temperatures[gpu_record::kMemoryTemperature].min); }},
+     [](const GpuView& v) {
+       return FieldValue::reading(v.gpu->temperatures[gpu_record::kMemoryTemperature].min);
+     }},
     {"temperature.memory.highest", "temperature_c.memory_highest", "C",
      "highest memory temperature since start",
-     [](const GpuView& v) { return FieldValue::reading(v.gpu->temperatures[gpu_record::kMemoryTemperature].max); }},
+     [](const GpuView& v) {
+       return FieldValue::reading(v.gpu->temperatures[gpu_record::kMemoryTemperature].max);
+     }},
     {"temperature.shutdown", "temperature_c.shutdown_threshold", "C",
      "temperature at which the GPU shuts down (NVML)",
      [](const GpuView& v) { return threshold(v.gpu->temperature_thresholds[0]); }},

@@ -268,8 +268,9 @@ bool load_machine_env(const std::string& staged, std::string* error) {
 bool set_environment(const std::string& machine_name, const std::string& staged,
                      std::string* error) {
   const char* path = std::getenv("PATH");
-  set_variable("PATH", staged + "/bin:" +
-                           (path ? std::string(path) : std::string("/usr/local/bin:/usr/bin:/bin")));
+  set_variable(
+      "PATH",
+      staged + "/bin:" + (path ? std::string(path) : std::string("/usr/local/bin:/usr/bin:/bin")));
   const char* ld = std::getenv("LD_LIBRARY_PATH");
   set_variable("LD_LIBRARY_PATH", staged + "/lib" + ((ld && *ld) ? ":" + std::string(ld) : ""));
   set_variable("ZEV_MACHINE", machine_name);
@@ -364,7 +365,8 @@ bool load_sequences(const std::string& staging, const std::string& staged, std::
       sequence.values.push_back(value);
     }
     if (sequence.values.empty()) return fail(error, where + relative + " has no values");
-    if (!put_value(&sequence, 0)) return fail(error, errno_text(where + "cannot write " + relative));
+    if (!put_value(&sequence, 0))
+      return fail(error, errno_text(where + "cannot write " + relative));
     g_state.sequences.push_back(sequence);
   }
   return true;
@@ -654,7 +656,8 @@ RunResult run(const std::string& dir, const std::vector<std::string>& argv, bool
 
   // The child answers Ctrl-C itself; the parent passes interrupts on and
   // waits for it to finish.
-  struct sigaction forward {}, old_int {}, old_term {};
+  struct sigaction forward {
+  }, old_int{}, old_term{};
   forward.sa_handler = forward_signal;
   g_child = pid;
   if (!capture) {
@@ -669,8 +672,10 @@ RunResult run(const std::string& dir, const std::vector<std::string>& argv, bool
       struct pollfd fds[2] = {{out_open ? out_pipe[0] : -1, POLLIN, 0},
                               {err_open ? err_pipe[0] : -1, POLLIN, 0}};
       if (poll(fds, 2, -1) < 0 && errno != EINTR) break;
-      if (out_open && (fds[0].revents & (POLLIN | POLLHUP))) drain(out_pipe[0], &result.out, &out_open);
-      if (err_open && (fds[1].revents & (POLLIN | POLLHUP))) drain(err_pipe[0], &result.err, &err_open);
+      if (out_open && (fds[0].revents & (POLLIN | POLLHUP)))
+        drain(out_pipe[0], &result.out, &out_open);
+      if (err_open && (fds[1].revents & (POLLIN | POLLHUP)))
+        drain(err_pipe[0], &result.err, &err_open);
     }
     close(out_pipe[0]);
     close(err_pipe[0]);

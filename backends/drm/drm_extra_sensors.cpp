@@ -81,8 +81,8 @@ int find_energy_counter(int card, int hwmon) {
 bool read_power_limit(const CardSensors& s, float* milliwatts) {
   if (s.power_limit == PowerLimit::kNone) return false;
   unsigned long long uw = 0;
-  if (!read_hwmon_named(s.card, s.hwmon, s.power_limit == PowerLimit::kCap ? "power1_cap" : "power1_max",
-                        &uw) ||
+  if (!read_hwmon_named(s.card, s.hwmon,
+                        s.power_limit == PowerLimit::kCap ? "power1_cap" : "power1_max", &uw) ||
       uw == 0)
     return false;
   *milliwatts = static_cast<float>(uw / 1000);
@@ -238,7 +238,8 @@ bool refresh_power(CardSensors* s, zev::GPU* gpu, float* watts) {
   if (read_power_limit(*s, &limit_mw)) gpu->power.enforced_limit = limit_mw;
 
   unsigned long long uj = 0;
-  if (s->energy_input < 0 || !read_hwmon_unsigned(s->card, s->hwmon, "energy", s->energy_input, "input", &uj))
+  if (s->energy_input < 0 ||
+      !read_hwmon_unsigned(s->card, s->hwmon, "energy", s->energy_input, "input", &uj))
     return false;
   const int64_t now = monotonic_ns();
   const bool had_previous = s->energy_primed;
@@ -251,7 +252,8 @@ bool refresh_power(CardSensors* s, zev::GPU* gpu, float* watts) {
   // A counter that went backwards or wrapped gives no reading; the next
   // refresh measures from here.
   if (!had_previous || uj < previous_uj) return false;
-  const double average = static_cast<double>(uj - previous_uj) / 1e6 / (static_cast<double>(elapsed_ns) / 1e9);
+  const double average =
+      static_cast<double>(uj - previous_uj) / 1e6 / (static_cast<double>(elapsed_ns) / 1e9);
   if (average > kMaxPlausibleWatts) return false;
   // Stored as the DRM power path stores watts.
   const float current = store_power_reading(&gpu->power, static_cast<float>(average));

@@ -9,9 +9,9 @@
 
 namespace drm_sysfs {
 
-using sysfs_path::kPathSize;
 using sysfs_path::as_path_number;
 using sysfs_path::format_path;
+using sysfs_path::kPathSize;
 
 // First lines of value files are read into a cleared buffer of this size.
 constexpr int kLineSize = 256;

@@ -134,8 +134,7 @@ bool GpuMonitorVorn::linux_amd_gpu_get_bios_string(unsigned long adapter, char* 
   if (text == nullptr) return false;
   char command[kWideLine];
   std::snprintf(command, sizeof command,
-                "cat /proc/ati/%lu/biosversion | grep BIOS_PN | grep -Po '(?<=\")[^\"]*'",
-                adapter);
+                "cat /proc/ati/%lu/biosversion | grep BIOS_PN | grep -Po '(?<=\")[^\"]*'", adapter);
   char line[kNarrowLine];
   if (first_line_of(command, line, kNarrowLine) != PipeAnswer::kLine) return false;
   copy_text(text, kNarrowLine, line);

@@ -72,12 +72,18 @@ void read_sensors(GpuMonitorVorn* monitor, zev::GPU* gpu, unsigned long i) {
   }
   if (monitor->linux_nv_smi_read_gpu_temperature(i, &value)) {
     store_temperature_reading(gpu, kCoreTemperature, static_cast<float>(value));
-    monitor->tracef("  - core temperature: %d \xC2\xB0" "C", value);
+    monitor->tracef(
+        "  - core temperature: %d \xC2\xB0"
+        "C",
+        value);
     mark_readable(gpu, kTemperatureFlag);
   }
   if (monitor->linux_nv_smi_read_vram_temperature(i, &value)) {
     store_temperature_reading(gpu, kMemoryTemperature, static_cast<float>(value));
-    monitor->tracef("  - mem temperature: %d \xC2\xB0" "C", value);
+    monitor->tracef(
+        "  - mem temperature: %d \xC2\xB0"
+        "C",
+        value);
   }
   if (monitor->linux_nv_smi_read_gpu_power(i, &value)) {
     store_power_reading(&gpu->power, static_cast<float>(value));

@@ -122,8 +122,7 @@ bool GpuMonitorVorn::linux_nv_smi_read_vbios_version(unsigned long index, char* 
   return read_text(index, "vbios_version", version);
 }
 
-bool GpuMonitorVorn::linux_nv_smi_read_gpu_pci_device_id(unsigned long index,
-                                                         unsigned long* vendor,
+bool GpuMonitorVorn::linux_nv_smi_read_gpu_pci_device_id(unsigned long index, unsigned long* vendor,
                                                          unsigned long* device) {
   return read_id_pair(this, index, "pci.device_id", vendor, device);
 }

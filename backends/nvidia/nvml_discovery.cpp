@@ -176,8 +176,7 @@ void read_load_and_power(zev::GPU* gpu, nvml::Device device) {
   }
 
   unsigned long long millijoules = 0;
-  if (nvml_call(api.nvmlDeviceGetTotalEnergyConsumption, device, &millijoules) ==
-      nvml::kSuccess) {
+  if (nvml_call(api.nvmlDeviceGetTotalEnergyConsumption, device, &millijoules) == nvml::kSuccess) {
     gpu->total_energy = static_cast<float>(millijoules);
   }
 
@@ -191,8 +190,8 @@ void read_load_and_power(zev::GPU* gpu, nvml::Device device) {
   }
   unsigned int min_limit = 0;
   unsigned int max_limit = 0;
-  if (nvml_call(api.nvmlDeviceGetPowerManagementLimitConstraints, device, &min_limit,
-                &max_limit) == nvml::kSuccess) {
+  if (nvml_call(api.nvmlDeviceGetPowerManagementLimitConstraints, device, &min_limit, &max_limit) ==
+      nvml::kSuccess) {
     gpu->power.limit_min = static_cast<float>(min_limit);
     gpu->power.limit_max = static_cast<float>(max_limit);
   }

@@ -1,6 +1,7 @@
 // Raspberry Pi discovery: the VideoCore V3D block has no PCI identity, so one
 // record is made from the board model (system information's answer to
-// "which board is this", the CPU name on a Pi) and a board table, and given first readings of the three Pi readers.
+// "which board is this", the CPU name on a Pi) and a board table, and given first readings of the
+// three Pi readers.
 #include <cstring>
 
 #include "gpudb/vendor_tables.h"
@@ -63,7 +64,10 @@ bool GpuMonitorVorn::linux_arm64_rpi_init_gpus(const char* model) {
   float celsius = -1.0f;
   if (linux_arm64_rpi_read_gpu_core_temp(&celsius)) {
     store_temperature_reading(gpu, kCoreTemperature, celsius);
-    tracef("  - GPU temperature: %.1f \xC2\xB0" "C", static_cast<double>(celsius));
+    tracef(
+        "  - GPU temperature: %.1f \xC2\xB0"
+        "C",
+        static_cast<double>(celsius));
     mark_readable(gpu, kTemperatureFlag);
   }
 

@@ -8,8 +8,8 @@
 #include <cstring>
 
 #include "io/command_pipe.h"
-#include "plugin/gpu_monitor_vorn.h"
 #include "io/text_file.h"
+#include "plugin/gpu_monitor_vorn.h"
 
 namespace {
 

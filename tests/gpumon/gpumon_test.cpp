@@ -193,7 +193,7 @@ TEST(Gpumon, QueryAndGpuSelection) {
       {{"--query", "index,pci.bus_id,pci.domain,pci.bus,pci.device", "--format=csv,noheader",
         "--machine", two},
        "0, 00000000:23:00.0, 0x0000, 0x23, 0x00\n1, 00000000:45:00.0, 0x0000, 0x45, 0x00\n"
-        "2, 00000000:63:00.0, 0x0000, 0x63, 0x00\n"},
+       "2, 00000000:63:00.0, 0x0000, 0x63, 0x00\n"},
       {{"-i", "1", "--query-gpu=index,gpu_bus_id,count", "--format=csv,noheader", "--machine", two},
        "1, 00000000:45:00.0, 3\n"},
       // gpumon's own fields print as before: the unit after the number.
@@ -315,7 +315,7 @@ TEST(Gpumon, OutputThatCannotBeWrittenFails) {
   const std::string machine = " --machine " + machine_dir("amd-rdna3-rx7900xtx");
   for (const std::string& args :
        {machine, machine + " --json", machine + " --query index -l 0.05 --count 2",
-       std::string(" --lookup 10DE:2B85"), std::string(" --help-query")}) {
+        std::string(" --lookup 10DE:2B85"), std::string(" --help-query")}) {
     // stderr into the pipe, stdout to the full device.
     FILE* pipe = popen(("'" + gpumon_path() + "'" + args + " 2>&1 >/dev/full").c_str(), "r");
     ASSERT_NE(pipe, nullptr);
@@ -340,10 +340,12 @@ TEST(Gpumon, TheTableFitsAHundredAndTwentyColumns) {
     for (const std::string& line : lines_of(r.out))
       EXPECT_LE(line.size(), 120u) << entry.path() << "\n" << line;
   }
-  const machine::RunResult r = run_gpumon({"--wide", "--machine", machine_dir("intel-arc-b580-xe")});
-  EXPECT_NE(r.out.find("0    Intel Arc B580 Limited Edition  0000:03:00.0  xe      8086:E20B  0x00  "
-                       "0x03  Battlemage BMG-G21  2560/160/80        190    47 (47-47)"),
-            std::string::npos)
+  const machine::RunResult r =
+      run_gpumon({"--wide", "--machine", machine_dir("intel-arc-b580-xe")});
+  EXPECT_NE(
+      r.out.find("0    Intel Arc B580 Limited Edition  0000:03:00.0  xe      8086:E20B  0x00  "
+                 "0x03  Battlemage BMG-G21  2560/160/80        190    47 (47-47)"),
+      std::string::npos)
       << r.out;
 }
 

@@ -41,9 +41,10 @@ TEST_F(Recording, ReplaysAsTheMachineItWasRecordedFrom) {
   testing_support::allow_preloading();
   // DRM from a real capture, a Raspberry Pi (V3D files and vcgencmd), NVIDIA
   // through nvidia-smi, and an energy counter that moves while it runs.
-  for (const std::string& machine :
-       {testing_support::machine_dir("lact-amd-rx7900xtx"), testing_support::machine_dir("rpi5-videocore7"),
-        built_machine("nvidia-rtx5090-rtx4080s-smi"), testing_support::machine_dir("lact-intel-b580")}) {
+  for (const std::string& machine : {testing_support::machine_dir("lact-amd-rx7900xtx"),
+                                     testing_support::machine_dir("rpi5-videocore7"),
+                                     built_machine("nvidia-rtx5090-rtx4080s-smi"),
+                                     testing_support::machine_dir("lact-intel-b580")}) {
     SCOPED_TRACE(machine);
     const std::string recording = base_ + "/" + fs::path(machine).filename().string();
     const machine::RunResult r = run_gpumon({"--machine", machine, "--record", recording});
