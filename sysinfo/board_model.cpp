@@ -9,8 +9,9 @@ namespace board_model {
 
 namespace {
 
-// The boards the Raspberry Pi back-end knows.
-const char* const kRaspberryPiModels[] = {"Raspberry Pi 5", "Raspberry Pi 4", "Raspberry Pi 3"};
+// The boards the Raspberry Pi back-end knows (texts in place: nothing for
+// the loader to relocate).
+const char kRaspberryPiModels[][16] = {"Raspberry Pi 5", "Raspberry Pi 4", "Raspberry Pi 3"};
 
 }  // namespace
 
