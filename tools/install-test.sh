@@ -50,7 +50,7 @@ done
 unset LD_LIBRARY_PATH
 expect 0 "--plugin" "$prefix/bin/gpumon" --help
 expect 0 "CPU" "$prefix/bin/gpumon"
-expect 0 "1002:744C" "$prefix/bin/gpumon" --machine machines/amd-rdna3-rx7900xtx
+expect 0 "1002:744C" "$prefix/bin/gpumon" --wide --machine machines/amd-rdna3-rx7900xtx
 
 cmake -S examples/host -B "$tmp/host" -DCMAKE_PREFIX_PATH="$prefix" \
   -DCMAKE_CXX_FLAGS="-Wall -Wextra -Werror" >/dev/null
