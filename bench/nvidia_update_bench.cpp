@@ -44,8 +44,8 @@ class InsideMachine {
     zev::set_trace_sink(quiet, nullptr);
     ok_ = machine::enter(std::string(ZEV_NVIDIA_MACHINES_DIR) + "/" + kMachine, &error_);
     if (!ok_) return;
-    nvml_ = dlopen((machine::staged_root() + "/lib/libnvidia-ml.so.1").c_str(),
-                   RTLD_NOW | RTLD_GLOBAL);
+    nvml_ =
+        dlopen((machine::staged_root() + "/lib/libnvidia-ml.so.1").c_str(), RTLD_NOW | RTLD_GLOBAL);
     if (nvml_ == nullptr) {
       ok_ = false;
       error_ = dlerror();
@@ -150,8 +150,8 @@ void update_nvml(benchmark::State& state) {
     state.SkipWithError("NVML discovery found no GPU");
     return;
   }
-  auto calls = reinterpret_cast<unsigned long (*)()>(
-      dlsym(monitor.nvml_lib_handle, "zev_fake_nvml_calls"));
+  auto calls =
+      reinterpret_cast<unsigned long (*)()>(dlsym(monitor.nvml_lib_handle, "zev_fake_nvml_calls"));
   if (calls == nullptr) {
     // A real libnvidia-ml.so on this system was found first.
     state.SkipWithError("the monitor did not load the fake NVML");

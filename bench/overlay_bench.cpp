@@ -29,7 +29,6 @@
 #include "zev/scene.h"
 #include "zev/trace.h"
 
-
 namespace {
 
 constexpr int kW = 800, kH = 400;
@@ -90,8 +89,8 @@ struct Scene {
   bool v1() { return monitor->draw_gpu_data_v1(host->renderer(), 10, 10, kW - 20, kH - 20, true); }
   bool v5() {
     return monitor->draw_gpu_data_v5(host->renderer(), 10, 10, kW - 20, kH - 20, host->font(),
-                                      host->text_program(), host->text_camera(), 1.0f, 0, 0, 16,
-                                      true);
+                                     host->text_program(), host->text_camera(), 1.0f, 0, 0, 16,
+                                     true);
   }
 };
 
@@ -170,8 +169,10 @@ struct Direct {
     zev::Renderer* r = host->renderer();
     zev::Font* font = host->font();
     font->bm_draw_reset();
-    font->bm_draw_text_2df(40, 40, 0, 1, 0, 1, "GPU%d: %s - core:%d\xB0" "C", 1,
-                           "AMD Radeon RX 7900 XTX", 52);
+    font->bm_draw_text_2df(40, 40, 0, 1, 0, 1,
+                           "GPU%d: %s - core:%d\xB0"
+                           "C",
+                           1, "AMD Radeon RX 7900 XTX", 52);
     font->bm_draw_text_2df(160, 56, 0, 1, 0, 1, "usage:%d%%", 7);
     font->set_scale(1, 1, 1);
     host->text_camera()->bind(r, true, false, true, true, false);

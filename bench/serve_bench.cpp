@@ -9,12 +9,12 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <fcntl.h>
+#include <poll.h>
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
-#include <fcntl.h>
-#include <poll.h>
 #include <string>
 #include <thread>
 #include <vector>
@@ -32,8 +32,10 @@ struct Exporter {
   pid_t launcher = -1;  // gpumon --machine or machine_run
   int port = 0;
   pid_t process() const {  // the server itself, the launcher's child
-    FILE* f = std::fopen(("/proc/" + std::to_string(launcher) + "/task/" +
-                          std::to_string(launcher) + "/children").c_str(), "r");
+    FILE* f = std::fopen(
+        ("/proc/" + std::to_string(launcher) + "/task/" + std::to_string(launcher) + "/children")
+            .c_str(),
+        "r");
     int child = -1;
     if (f != nullptr && std::fscanf(f, "%d", &child) != 1) child = -1;
     if (f != nullptr) std::fclose(f);
@@ -56,11 +58,11 @@ Exporter start_node_exporter(const std::string& machine) {
   Exporter e{"node_exporter (drm, hwmon)"};
   e.port = free_port();
   const int null = open("/dev/null", O_WRONLY);
-  e.launcher = spawn({std::string(ZEV_BIN_DIR) + "/machine_run", machine,
-                      "/usr/bin/prometheus-node-exporter", "--collector.disable-defaults",
-                      "--collector.drm", "--collector.hwmon",
-                      "--web.listen-address=127.0.0.1:" + std::to_string(e.port)},
-                     null, null);
+  e.launcher =
+      spawn({std::string(ZEV_BIN_DIR) + "/machine_run", machine,
+             "/usr/bin/prometheus-node-exporter", "--collector.disable-defaults", "--collector.drm",
+             "--collector.hwmon", "--web.listen-address=127.0.0.1:" + std::to_string(e.port)},
+            null, null);
   close(null);
   return e;
 }
@@ -138,7 +140,8 @@ struct Crowd {
     sender = std::thread([this] {
       while (!done) {
         for (int fd : trickling) send(fd, "X: y\r\n", 6, MSG_NOSIGNAL | MSG_DONTWAIT);
-        for (int i = 0; i < 20 && !done; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        for (int i = 0; i < 20 && !done; ++i)
+          std::this_thread::sleep_for(std::chrono::milliseconds(10));
       }
     });
   }
@@ -181,14 +184,13 @@ void run(Exporter& e) {
   row(e, "64 clients, kept alive", measure(e, 64, 30, true));
   {
     Crowd crowd(e.port);
-    row(e, "1 client, new connection each; 500 idle + 8 trickling open",
-        measure(e, 1, 500, false));
+    row(e, "1 client, new connection each; 500 idle + 8 trickling open", measure(e, 1, 500, false));
     header_flood(e.port);
     row(e, "after 4 header floods of 4 MB; crowd still open", measure(e, 1, 200, true));
     const auto t0 = Clock::now();
     stop(e.launcher);
-    std::printf("| %s | SIGTERM with the crowd open: exited in %.3f s | | | | |\n",
-                e.name.c_str(), std::chrono::duration<double>(Clock::now() - t0).count());
+    std::printf("| %s | SIGTERM with the crowd open: exited in %.3f s | | | | |\n", e.name.c_str(),
+                std::chrono::duration<double>(Clock::now() - t0).count());
   }
 }
 
@@ -198,7 +200,8 @@ int main(int argc, char** argv) {
   const std::string machine =
       argc > 1 ? argv[1] : testing_support::machine_dir("amd-rdna3-rx7900xtx");
   std::printf("Machine %s\n\n", machine.c_str());
-  std::printf("| exporter | phase | scrapes/s | p50 ms | p99 ms | RSS MiB |\n|---|---|---|---|---|---|\n");
+  std::printf(
+      "| exporter | phase | scrapes/s | p50 ms | p99 ms | RSS MiB |\n|---|---|---|---|---|---|\n");
   for (Exporter e : {start_gpumon(machine), start_node_exporter(machine)}) {
     if (!wait_ready(e)) {
       std::printf("| %s | did not answer | | | | |\n", e.name.c_str());

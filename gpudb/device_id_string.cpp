@@ -2,12 +2,12 @@
 //   PCI\VEN_vvvv&DEV_dddd&SUBSYS_ssssvvvv&REV_rr
 #include <cstring>
 
+#include "gpudb/gpu_db.h"
 #include "gpudb/vendor_tables.h"
-#include "plugin/gpu_monitor_vorn.h"
+
+namespace gpudb {
 
 namespace {
-
-const unsigned int kNotFound = 0xFFFFFFFFu;
 
 // Copies n characters from s, stopping at its end: missing characters are
 // NULs, never bytes past the string.
@@ -19,8 +19,7 @@ void take(const char* s, size_t n, char* out) {
 
 // The four characters at a fixed position (the layout is assumed, not
 // searched); a string too short yields NULs for what it lacks.
-bool fixed_field(GpuMonitorVorn* monitor, const char* s, size_t position, char* text,
-                 unsigned long* value) {
+bool fixed_field(const char* s, size_t position, char* text, unsigned long* value) {
   if (s == nullptr) return false;
   char digits[4];
   const size_t length = std::strlen(s);
@@ -30,34 +29,29 @@ bool fixed_field(GpuMonitorVorn* monitor, const char* s, size_t position, char* 
     std::memset(digits, 0, sizeof digits);
   }
   if (text != nullptr) std::memcpy(text, digits, 4);
-  if (value != nullptr) *value = monitor->str_to_hex(digits[0], digits[1], digits[2], digits[3]);
+  if (value != nullptr) *value = str_to_hex(digits[0], digits[1], digits[2], digits[3]);
   return true;
 }
 
 }  // namespace
 
-bool GpuMonitorVorn::getVendorID_From_FullDeviceIDString(const char* s, char* text,
-                                                        unsigned long* value) {
-  return fixed_field(this, s, 8, text, value);
+bool vendor_id_from_device_id_string(const char* s, char* text, unsigned long* value) {
+  return fixed_field(s, 8, text, value);
 }
 
-bool GpuMonitorVorn::getDeviceID_From_FullDeviceIDString(const char* s, char* text,
-                                                        unsigned long* value) {
-  return fixed_field(this, s, 17, text, value);
+bool device_id_from_device_id_string(const char* s, char* text, unsigned long* value) {
+  return fixed_field(s, 17, text, value);
 }
 
-bool GpuMonitorVorn::getSubDeviceID_From_FullDeviceIDString(const char* s, char* text,
-                                                           unsigned long* value) {
-  return fixed_field(this, s, 29, text, value);
+bool subdevice_id_from_device_id_string(const char* s, char* text, unsigned long* value) {
+  return fixed_field(s, 29, text, value);
 }
 
-bool GpuMonitorVorn::getSubVendorID_From_FullDeviceIDString(const char* s, char* text,
-                                                           unsigned long* value) {
-  return fixed_field(this, s, 33, text, value);
+bool subvendor_id_from_device_id_string(const char* s, char* text, unsigned long* value) {
+  return fixed_field(s, 33, text, value);
 }
 
-unsigned int GpuMonitorVorn::gpu_db_get_index_from_device_id_string(const char* s,
-                                                                    zev::GPU* gpu) {
+unsigned int index_from_device_id_string(const char* s, zev::GPU* gpu) {
   if (s == nullptr) return kNotFound;
   const char* ven = std::strstr(s, "VEN_");
   if (ven == nullptr) return kNotFound;
@@ -102,7 +96,7 @@ unsigned int GpuMonitorVorn::gpu_db_get_index_from_device_id_string(const char* 
     }
   }
 
-  if (vendor != gpudb_vendor::kAmd) return gpu_db_get_index(vendor, device);
+  if (vendor != gpudb_vendor::kAmd) return index_of(vendor, device);
 
   // AMD rows are told apart by sub-system or revision, compared exactly and
   // case-sensitively.
@@ -121,3 +115,5 @@ unsigned int GpuMonitorVorn::gpu_db_get_index_from_device_id_string(const char* 
   }
   return kNotFound;
 }
+
+}  // namespace gpudb

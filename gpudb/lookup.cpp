@@ -4,12 +4,12 @@
 #include <cctype>
 #include <cstring>
 
+#include "gpudb/gpu_db.h"
 #include "gpudb/vendor_tables.h"
-#include "plugin/gpu_monitor_vorn.h"
+
+namespace gpudb {
 
 namespace {
-
-const unsigned int kNotFound = 0xFFFFFFFFu;
 
 // Row device ids are signed and widened with their sign; a row whose id is
 // not known (-1) never matches, whatever the device asked for.
@@ -42,7 +42,7 @@ int number_at(unsigned long vendor, int index, int GpuDbRow::*field) {
 
 }  // namespace
 
-unsigned int GpuMonitorVorn::gpu_db_get_index(unsigned long vendor, unsigned long device) {
+unsigned int index_of(unsigned long vendor, unsigned long device) {
   const GpuDbTable table = gpu_db_index_table(vendor);
   // The terminator is part of the walk: device 0 finds it, and its null
   // strings tell the caller that nothing is known.
@@ -52,9 +52,8 @@ unsigned int GpuMonitorVorn::gpu_db_get_index(unsigned long vendor, unsigned lon
   return kNotFound;
 }
 
-unsigned int GpuMonitorVorn::gpu_db_get_index_v2(unsigned long vendor, unsigned long device,
-                                                 const char* revision) {
-  if (vendor != gpudb_vendor::kAmd) return gpu_db_get_index(vendor, device);
+unsigned int index_of_revision(unsigned long vendor, unsigned long device, const char* revision) {
+  if (vendor != gpudb_vendor::kAmd) return index_of(vendor, device);
   const GpuDbTable table = gpu_db_index_table(vendor);
   for (unsigned long i = 0; i < table.num_rows; ++i) {
     const GpuDbRow& row = table.rows[i];
@@ -68,8 +67,7 @@ unsigned int GpuMonitorVorn::gpu_db_get_index_v2(unsigned long vendor, unsigned 
   return kNotFound;
 }
 
-unsigned int GpuMonitorVorn::gpu_db_get_index_v3(unsigned long vendor, unsigned long device,
-                                                 unsigned long value) {
+unsigned int index_of_variant(unsigned long vendor, unsigned long device, unsigned long value) {
   if (vendor != gpudb_vendor::kNvidia || device == 0 || value == 0) return kNotFound;
   const GpuDbTable table = gpu_db_index_table(vendor);
   for (unsigned long i = 0; i < table.num_rows; ++i) {
@@ -81,8 +79,7 @@ unsigned int GpuMonitorVorn::gpu_db_get_index_v3(unsigned long vendor, unsigned 
     // NULs past its end rather than whatever follows it in memory.
     char digits[4] = {0, 0, 0, 0};
     for (int k = 0; k < 4 && variant[k] != '\0'; ++k) digits[k] = variant[k];
-    if (same_device(row, device) &&
-        str_to_hex(digits[0], digits[1], digits[2], digits[3]) == value)
+    if (same_device(row, device) && str_to_hex(digits[0], digits[1], digits[2], digits[3]) == value)
       return static_cast<unsigned int>(i);
   }
   return kNotFound;
@@ -92,42 +89,38 @@ unsigned int GpuMonitorVorn::gpu_db_get_index_v3(unsigned long vendor, unsigned 
 // without one. Index -1 (not found) answers "Unknown" or 0; any other index
 // outside the table answers null or 0 instead of reading past it.
 
-const char* GpuMonitorVorn::gpu_db_get_adapter_name(unsigned long vendor, int index) {
+const char* adapter_name(unsigned long vendor, int index) {
   if (index < 0) return "Unknown";
   const GpuDbTable table = gpu_db_accessor_table(vendor);
   const GpuDbRow* row = row_at(table, index);
   return row ? table.adapter_name(*row) : nullptr;
 }
 
-const char* GpuMonitorVorn::gpu_db_get_gpu_codename(unsigned long vendor, int index) {
+const char* codename(unsigned long vendor, int index) {
   if (index == -1) return "Unknown";
   const GpuDbTable table = gpu_db_accessor_table(vendor);
   const GpuDbRow* row = row_at(table, index);
   return row ? table.codename(*row) : nullptr;
 }
 
-int GpuMonitorVorn::gpu_db_get_tdp(unsigned long vendor, int index) {
-  return number_at(vendor, index, &GpuDbRow::tdp);
-}
+int tdp(unsigned long vendor, int index) { return number_at(vendor, index, &GpuDbRow::tdp); }
 
-int GpuMonitorVorn::gpu_db_get_num_unified_shader_processors(unsigned long vendor, int index) {
+int num_unified_shader_processors(unsigned long vendor, int index) {
   return number_at(vendor, index, &GpuDbRow::num_unified_shader_processors);
 }
 
-int GpuMonitorVorn::gpu_db_get_num_texture_units(unsigned long vendor, int index) {
+int num_texture_units(unsigned long vendor, int index) {
   return number_at(vendor, index, &GpuDbRow::num_texture_units);
 }
 
-int GpuMonitorVorn::gpu_db_get_num_rops(unsigned long vendor, int index) {
+int num_rops(unsigned long vendor, int index) {
   return number_at(vendor, index, &GpuDbRow::num_rops);
 }
 
-// `table` is a GpuDbTable; at most row_count of its rows are walked.
-const char* GpuMonitorVorn::get_gpu_name_from_devices_table(const void* table,
-                                                            unsigned long row_count,
-                                                            unsigned long device,
-                                                            unsigned long revision) {
-  const GpuDbTable* t = static_cast<const GpuDbTable*>(table);
+// At most row_count of the table's rows are walked.
+const char* name_from_devices_table(const GpuDbTable* table, unsigned long row_count,
+                                    unsigned long device, unsigned long revision) {
+  const GpuDbTable* t = table;
   if (t == nullptr || t->rows == nullptr) return nullptr;
   for (unsigned long i = 0; i < row_count && i < t->num_rows; ++i) {
     const GpuDbRow& row = t->rows[i];
@@ -143,12 +136,13 @@ const char* GpuMonitorVorn::get_gpu_name_from_devices_table(const void* table,
   return nullptr;
 }
 
-const char* GpuMonitorVorn::get_gpu_name_from_device_id(unsigned long vendor,
-                                                        unsigned long device,
-                                                        unsigned long revision) {
+const char* name_from_device_id(unsigned long vendor, unsigned long device,
+                                unsigned long revision) {
   // S3 Graphics is left out on purpose: its ids name no adapter here.
   if (vendor == gpudb_vendor::kS3) return nullptr;
   const GpuDbTable table = gpu_db_index_table(vendor);
   if (table.rows == nullptr) return nullptr;
-  return get_gpu_name_from_devices_table(&table, table.num_rows, device, revision);
+  return name_from_devices_table(&table, table.num_rows, device, revision);
 }
+
+}  // namespace gpudb

@@ -3,19 +3,19 @@
 // tables. The first matching row wins.
 #include <cstring>
 
+#include "gpudb/gpu_db.h"
 #include "gpudb/vendor_tables.h"
-#include "plugin/gpu_monitor_vorn.h"
+#include "io/copy_text.h"
+
+namespace gpudb {
 
 namespace {
 
 enum class Revision { kIgnored, kCompared };
 
-}  // namespace
-
 // Shared walk of one vendor's board table. The row's vendor field is not
 // compared: the table is the vendor's already.
-static bool apply_board_name(GpuMonitorVorn* monitor, zev::GPU* gpu, unsigned long vendor,
-                             Revision revision) {
+bool apply_board_name(zev::GPU* gpu, unsigned long vendor, Revision revision) {
   gpu->use_marketing_name = false;
   const BoardNameTable table = gpu_db_board_table(vendor);
   for (unsigned long i = 0; i < table.num_rows && table.rows[i].vendor != 0; ++i) {
@@ -26,7 +26,7 @@ static bool apply_board_name(GpuMonitorVorn* monitor, zev::GPU* gpu, unsigned lo
     const char* row_revision = table.revision(row);
     if (revision == Revision::kCompared &&
         (row_revision == nullptr || row_revision[0] == '\0' ||
-         monitor->str_to_hex2(row_revision[0], row_revision[1]) != gpu->revision_id))
+         str_to_hex2(row_revision[0], row_revision[1]) != gpu->revision_id))
       continue;
     std::memset(gpu->marketing_name, 0, sizeof gpu->marketing_name);
     copy_text(gpu->marketing_name, sizeof gpu->marketing_name, table.marketing_name(row));
@@ -36,38 +36,37 @@ static bool apply_board_name(GpuMonitorVorn* monitor, zev::GPU* gpu, unsigned lo
   return false;
 }
 
-bool GpuMonitorVorn::update_all_gpus_marketing_name() {
-  for (unsigned long i = 0; i < get_num_gpus(); ++i) update_gpu_marketing_name(get_gpu(i));
-  return true;
-}
+}  // namespace
 
-bool GpuMonitorVorn::update_gpu_marketing_name(zev::GPU* gpu) {
+bool update_marketing_name(zev::GPU* gpu) {
   if (gpu == nullptr) return false;
-  return update_gpu_marketing_name_nvidia(gpu) || update_gpu_marketing_name_amd(gpu) ||
-         update_gpu_marketing_name_intel(gpu) || update_gpu_marketing_name_moore_threads(gpu);
+  return update_marketing_name_nvidia(gpu) || update_marketing_name_amd(gpu) ||
+         update_marketing_name_intel(gpu) || update_marketing_name_moore_threads(gpu);
 }
 
-bool GpuMonitorVorn::update_gpu_marketing_name_nvidia(zev::GPU* gpu) {
+bool update_marketing_name_nvidia(zev::GPU* gpu) {
   if (gpu == nullptr || gpu->vendor_id != gpudb_vendor::kNvidia) return false;
-  return apply_board_name(this, gpu, gpudb_vendor::kNvidia, Revision::kIgnored);
+  return apply_board_name(gpu, gpudb_vendor::kNvidia, Revision::kIgnored);
 }
 
-bool GpuMonitorVorn::update_gpu_marketing_name_amd(zev::GPU* gpu) {
+bool update_marketing_name_amd(zev::GPU* gpu) {
   if (gpu == nullptr || gpu->vendor_id != gpudb_vendor::kAmd) return false;
   // One board of the HD 6000 era reports a chip id that names another card.
   if (gpu->device_id == 0x68F9 && gpu->subdevice_id == 0x2126) {
     std::memset(gpu->name, 0, sizeof gpu->name);
     copy_text(gpu->name, sizeof gpu->name, "AMD Radeon HD 6350");
   }
-  return apply_board_name(this, gpu, gpudb_vendor::kAmd, Revision::kCompared);
+  return apply_board_name(gpu, gpudb_vendor::kAmd, Revision::kCompared);
 }
 
-bool GpuMonitorVorn::update_gpu_marketing_name_intel(zev::GPU* gpu) {
+bool update_marketing_name_intel(zev::GPU* gpu) {
   if (gpu == nullptr || gpu->vendor_id != gpudb_vendor::kIntel) return false;
-  return apply_board_name(this, gpu, gpudb_vendor::kIntel, Revision::kIgnored);
+  return apply_board_name(gpu, gpudb_vendor::kIntel, Revision::kIgnored);
 }
 
-bool GpuMonitorVorn::update_gpu_marketing_name_moore_threads(zev::GPU* gpu) {
+bool update_marketing_name_moore_threads(zev::GPU* gpu) {
   if (gpu == nullptr || gpu->vendor_id != gpudb_vendor::kMooreThreads) return false;
-  return apply_board_name(this, gpu, gpudb_vendor::kMooreThreads, Revision::kIgnored);
+  return apply_board_name(gpu, gpudb_vendor::kMooreThreads, Revision::kIgnored);
 }
+
+}  // namespace gpudb

@@ -4,16 +4,20 @@
 // keep the low 32 bits.
 #include <cctype>
 
-#include "plugin/gpu_monitor_vorn.h"
+#include "gpudb/gpu_db.h"
 
-unsigned int GpuMonitorVorn::to_hex(char c) {
+namespace gpudb {
+
+unsigned int to_hex(char c) {
   const int upper = std::toupper(static_cast<unsigned char>(c));
   const int value = (upper >= '0' && upper <= '9') ? upper - '0' : upper - 55;
   return static_cast<uint16_t>(value);
 }
 
-unsigned int GpuMonitorVorn::str_to_hex(char a, char b, char c, char d) {
+unsigned int str_to_hex(char a, char b, char c, char d) {
   return ((to_hex(a) * 16 + to_hex(b)) * 16 + to_hex(c)) * 16 + to_hex(d);
 }
 
-unsigned int GpuMonitorVorn::str_to_hex2(char a, char b) { return to_hex(a) * 16 + to_hex(b); }
+unsigned int str_to_hex2(char a, char b) { return to_hex(a) * 16 + to_hex(b); }
+
+}  // namespace gpudb

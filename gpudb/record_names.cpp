@@ -1,6 +1,9 @@
-#include "gpudb/record_names.h"
-
 #include <cstring>
+
+#include "gpudb/gpu_db.h"
+#include "io/copy_text.h"
+
+namespace gpudb {
 
 namespace {
 
@@ -12,8 +15,9 @@ void replace_text(char* field, unsigned long size, const char* text) {
 
 }  // namespace
 
-void gpu_db_copy_names(GpuMonitorVorn* monitor, zev::GPU* gpu, int index) {
-  replace_text(gpu->name, sizeof gpu->name, monitor->gpu_db_get_adapter_name(gpu->vendor_id, index));
-  replace_text(gpu->codename, sizeof gpu->codename,
-               monitor->gpu_db_get_gpu_codename(gpu->vendor_id, index));
+void copy_names(zev::GPU* gpu, int index) {
+  replace_text(gpu->name, sizeof gpu->name, adapter_name(gpu->vendor_id, index));
+  replace_text(gpu->codename, sizeof gpu->codename, codename(gpu->vendor_id, index));
 }
+
+}  // namespace gpudb

@@ -22,4 +22,6 @@ constexpr unsigned long kIntel = 0x8086;
 constexpr unsigned long kMooreThreads = 0x1ED5;
 constexpr unsigned long kS3 = 0x5333;
 constexpr unsigned long kVmware = 0x15AD;
+// The Raspberry Pi's VideoCore, which has no PCI identity of its own.
+constexpr unsigned long kBroadcom = 0x14E4;
 }  // namespace gpudb_vendor

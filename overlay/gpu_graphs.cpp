@@ -3,6 +3,7 @@
 // (pixels, origin at its lower-left corner). Called once a frame: nothing is
 // allocated, every object comes from graph2d_init.
 #include "plugin/gpu_monitor_vorn.h"
+#include "record/record_slots.h"
 #include "zev/gpu_program.h"
 #include "zev/renderer.h"
 #include "zev/scene.h"
@@ -91,7 +92,7 @@ bool GpuMonitorVorn::draw_gpu_data_v1(zev::Renderer* renderer, int x, int y, int
       const float base = static_cast<float>(n * 10);
       for (unsigned long i = 0; i < n; ++i) {
         const zev::GPU* gpu = get_gpu(i);
-        if (!gpu->monitorable || !gpu->sensor_available[2]) continue;
+        if (!gpu->monitorable || !gpu->sensor_available[gpu_record::kUsageFlag]) continue;
         const float row_y = -half_vh + static_cast<float>(h) + static_cast<float>(y) +
                             (base - 30.0f * static_cast<float>(i)) - 85.0f;
         bar_quad->update_params(100.0f, 10.0f);

@@ -146,8 +146,8 @@ void GpuMonitorVorn::draw_set_bkg_quad_color(float r, float g, float b, float a)
   bkg_quad_color.set(r, g, b, a);
 }
 
-void GpuMonitorVorn::draw_set_bkg_quad_vertex_color(unsigned long vertex, float r, float g,
-                                                    float b, float a) {
+void GpuMonitorVorn::draw_set_bkg_quad_vertex_color(unsigned long vertex, float r, float g, float b,
+                                                    float a) {
   if (bkg_quad != nullptr) bkg_quad->set_vertex_color(vertex, zev::vec4(r, g, b, a));
 }
 

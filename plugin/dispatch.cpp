@@ -6,239 +6,256 @@
 //   2. DRM, when the DRM indices the sensor needs are all 0 or more;
 //   3. Raspberry Pi, when the vendor is Broadcom.
 // Integer readings become floats; every new current value of a triple
-// (usage, clock, temperature) folds into its running minimum and maximum.
-//
-// The update thread runs these while the host reads the same records; the
-// stores below are single 32-bit writes and no lock is taken, by design.
+// (usage, clock, temperature) folds into its running minimum and maximum
+// (record/record_writes.h).
+#include "gpudb/vendor_tables.h"
 #include "plugin/gpu_monitor_vorn.h"
-
-// Out of line and out of interprocedural optimisation: the access below is
-// made by this very function, never moved into its caller.
-#if defined(__clang__)
-#define ZEV_OUT_OF_LINE __attribute__((noinline))
-#else
-#define ZEV_OUT_OF_LINE __attribute__((noipa))
-#endif
+#include "record/record_writes.h"
 
 namespace {
 
-constexpr uint64_t kVendorBroadcom = 0x14E4;
+using namespace gpu_record;
 
 bool nv_smi_source(const zev::GPU* gpu) { return gpu->nvidia_gpu_index >= 0; }
 bool drm_card_source(const zev::GPU* gpu) { return gpu->drm_card_index >= 0; }
 bool drm_hwmon_source(const zev::GPU* gpu) {
   return gpu->drm_card_index >= 0 && gpu->drm_hwmon_index >= 0;
 }
-bool rpi_source(const zev::GPU* gpu) { return gpu->vendor_id == kVendorBroadcom; }
+bool rpi_source(const zev::GPU* gpu) { return gpu->vendor_id == gpudb_vendor::kBroadcom; }
 
-// -1.0 is the "not read yet" sentinel of minimum and maximum.
-void fold_min_max(float value, float* min, float* max) {
-  if (*min == -1.0f || *min > value) *min = value;
-  if (*max == -1.0f || *max < value) *max = value;
+// Where a dispatcher's caller wants the values of one reading (either may
+// be null): core and memory, or the power's watts first.
+struct Outputs {
+  float* first;
+  float* second;
+};
+
+// One source of one kind of reading: whether it serves the record, and the
+// read, which stores into the record and the outputs and says whether
+// anything was read. Sources are template arguments, not a table of
+// pointers: nothing for the loader to relocate.
+template <bool (*Serves)(const zev::GPU*), bool (*Read)(GpuMonitorVorn*, zev::GPU*, Outputs)>
+struct Source {
+  static bool read_if_served(GpuMonitorVorn* monitor, zev::GPU* gpu, Outputs out) {
+    return Serves(gpu) && Read(monitor, gpu, out);
+  }
+};
+
+// Every source in order, each only where it serves the record; a later
+// source that reads overwrites what an earlier one stored.
+template <typename... Sources>
+struct SourceTable {
+  static bool read(GpuMonitorVorn* monitor, unsigned long index, Outputs out) {
+    zev::GPU* gpu = monitor->get_gpu(index);
+    if (gpu == nullptr) return false;
+    bool read = false;
+    ((read = Sources::read_if_served(monitor, gpu, out) || read), ...);
+    return read;
+  }
+};
+
+drm_extra::CardSensors& extra_sensors(GpuMonitorVorn* monitor, const zev::GPU* gpu) {
+  return monitor->drm_extra_sensors[gpu->index];
 }
 
-// The stores the update thread shares with the host's readers. They are
-// kept out of line so that race reports (and their suppressions) can name
-// exactly these writes.
-ZEV_OUT_OF_LINE void store_usage_reading(float* triple, float value) {
-  triple[0] = value;
-  fold_min_max(value, &triple[1], &triple[2]);
+// --- clocks: core into first, memory into second
+
+bool store_clock(int mhz, zev::gpuClock* clock, float* out) {
+  store_clock_reading(clock, static_cast<float>(mhz));
+  if (out != nullptr) *out = clock->current;
+  return true;
 }
 
-ZEV_OUT_OF_LINE void store_clock_reading(zev::gpuClock* clock, float value) {
-  clock->current = value;
-  fold_min_max(value, &clock->min, &clock->max);
+bool nv_smi_clocks(GpuMonitorVorn* m, zev::GPU* gpu, Outputs out) {
+  bool read = false;
+  int mhz = 0;
+  if (m->linux_nv_smi_read_gpu_core_clock(gpu->nvidia_gpu_index, &mhz))
+    read = store_clock(mhz, &gpu->core_clock, out.first);
+  if (m->linux_nv_smi_read_vram_clock(gpu->nvidia_gpu_index, &mhz))
+    read = store_clock(mhz, &gpu->memory_clock, out.second);
+  return read;
 }
 
-ZEV_OUT_OF_LINE void store_temperature_reading(zev::gpuTemperature* temperature, float value) {
-  temperature->current = value;
-  temperature->update_min_max();
+bool drm_clocks(GpuMonitorVorn* m, zev::GPU* gpu, Outputs out) {
+  bool read = false;
+  int mhz = 0;
+  if (m->linux_drm_read_gpu_core_clock(gpu->drm_card_index, gpu->drm_hwmon_index, &mhz))
+    read = store_clock(mhz, &gpu->core_clock, out.first);
+  if (m->linux_drm_read_vram_clock(gpu->drm_card_index, gpu->drm_hwmon_index, &mhz))
+    read = store_clock(mhz, &gpu->memory_clock, out.second);
+  return read;
 }
 
-// Both nvidia-smi and DRM deliver whole watts: `watts` keeps them and
-// `current` the reading times 0.001 (the NVML path keeps milliwatts there).
-ZEV_OUT_OF_LINE float store_power_reading(zev::gpuPower* power, int reading) {
-  power->watts = static_cast<float>(reading);
-  power->current = 0.001f * static_cast<float>(reading);
-  return power->current;
+// Intel GT clocks (i915, xe), which no hwmon file holds.
+bool intel_gt_clock(GpuMonitorVorn* m, zev::GPU* gpu, Outputs out) {
+  const drm_extra::CardSensors& s = extra_sensors(m, gpu);
+  return s.intel_clock != drm_extra::IntelClock::kNone &&
+         drm_extra::refresh_intel_clock(s, gpu, out.first);
 }
 
-ZEV_OUT_OF_LINE void store_fan_reading(zev::gpuFanSpeed* fan, int rpm) {
-  fan->speed_percent = -1.0f;
-  fan->rpm = static_cast<float>(rpm);
+bool rpi_clock(GpuMonitorVorn* m, zev::GPU* gpu, Outputs out) {
+  float mhz = -1.0f;
+  if (!m->linux_arm64_rpi_read_gpu_core_clock(&mhz)) return false;
+  store_clock_reading(&gpu->core_clock, mhz);
+  if (out.first != nullptr) *out.first = gpu->core_clock.current;
+  return true;
 }
 
-ZEV_OUT_OF_LINE void store_memory_reading(zev::GPU* gpu, int mib) { gpu->vram_used_mb = mib; }
+using ClockSources =
+    SourceTable<Source<nv_smi_source, nv_smi_clocks>, Source<drm_hwmon_source, drm_clocks>,
+                Source<drm_card_source, intel_gt_clock>, Source<rpi_source, rpi_clock>>;
 
-// nvidia-smi's fan.speed is a percentage of the fan's maximum. The first
-// design stored it as RPM (an RTX 2080 SUPER at 38 % showed "38 RPM"): it
-// goes to the percentage, and the RPM is unknown.
-ZEV_OUT_OF_LINE void store_fan_percent(zev::gpuFanSpeed* fan, int percent) {
-  fan->speed_percent = static_cast<float>(percent);
-  fan->rpm = -1.0f;
+// --- usages: core into first, memory into second
+
+bool store_usage(float percent, float* triple, float* out) {
+  store_usage_reading(triple, percent);
+  if (out != nullptr) *out = percent;
+  return true;
 }
+
+bool nv_smi_usages(GpuMonitorVorn* m, zev::GPU* gpu, Outputs out) {
+  bool read = false;
+  int percent = 0;
+  if (m->linux_nv_smi_read_gpu_usage(gpu->nvidia_gpu_index, &percent))
+    read = store_usage(static_cast<float>(percent), gpu->core_usage, out.first);
+  if (m->linux_nv_smi_read_vram_usage(gpu->nvidia_gpu_index, &percent))
+    read = store_usage(static_cast<float>(percent), gpu->memory_usage, out.second);
+  return read;
+}
+
+// GPU busy percent belongs to the card itself: no hwmon needed. Memory busy
+// percent and video memory in use (amdgpu) come with it.
+bool drm_usages(GpuMonitorVorn* m, zev::GPU* gpu, Outputs out) {
+  bool read = false;
+  int percent = 0;
+  if (m->linux_drm_read_gpu_usage(gpu->drm_card_index, &percent)) {
+    read = store_usage(static_cast<float>(percent), gpu->core_usage, out.first);
+  }
+  if (drm_extra::refresh_memory_usage(extra_sensors(m, gpu), gpu, out.second)) read = true;
+  return read;
+}
+
+bool rpi_usage(GpuMonitorVorn* m, zev::GPU* gpu, Outputs out) {
+  float percent = -1.0f;
+  if (m->linux_arm64_rpi_read_gpu_usage_v2(gpu, &percent)) {
+    gpu->rpi_usage_method = 2;
+  } else if (m->linux_arm64_rpi_read_gpu_usage_v1(gpu, &percent)) {
+    gpu->rpi_usage_method = 1;
+  } else {
+    return false;
+  }
+  return store_usage(percent, gpu->core_usage, out.first);
+}
+
+using UsageSources =
+    SourceTable<Source<nv_smi_source, nv_smi_usages>, Source<drm_card_source, drm_usages>,
+                Source<rpi_source, rpi_usage>>;
+
+// --- temperatures: core into first, memory into second
+
+bool store_temperature(float celsius, zev::gpuTemperature* temperature, float* out) {
+  store_temperature_reading(temperature, celsius);
+  if (out != nullptr) *out = celsius;
+  return true;
+}
+
+bool nv_smi_temperatures(GpuMonitorVorn* m, zev::GPU* gpu, Outputs out) {
+  bool read = false;
+  int celsius = 0;
+  if (m->linux_nv_smi_read_gpu_temperature(gpu->nvidia_gpu_index, &celsius)) {
+    read = store_temperature(static_cast<float>(celsius), &gpu->temperatures[kCoreTemperature],
+                             out.first);
+  }
+  if (m->linux_nv_smi_read_vram_temperature(gpu->nvidia_gpu_index, &celsius)) {
+    read = store_temperature(static_cast<float>(celsius), &gpu->temperatures[kMemoryTemperature],
+                             out.second);
+  }
+  return read;
+}
+
+bool drm_core_temperature_source(const zev::GPU* gpu) {
+  return drm_hwmon_source(gpu) && gpu->drm_temp_input_index >= 0;
+}
+
+bool drm_core_temperature(GpuMonitorVorn* m, zev::GPU* gpu, Outputs out) {
+  int celsius = 0;
+  if (!m->linux_drm_read_gpu_temperature(gpu->drm_card_index, gpu->drm_hwmon_index,
+                                         gpu->drm_temp_input_index, &celsius))
+    return false;
+  return store_temperature(static_cast<float>(celsius), &gpu->temperatures[kCoreTemperature],
+                           out.first);
+}
+
+// The memory temperature: the input labelled "mem" (amdgpu) or "vram" (xe).
+bool drm_memory_temperature(GpuMonitorVorn* m, zev::GPU* gpu, Outputs out) {
+  return drm_extra::refresh_memory_temperature(extra_sensors(m, gpu), gpu, out.second);
+}
+
+bool rpi_temperature(GpuMonitorVorn* m, zev::GPU* gpu, Outputs out) {
+  float celsius = -1.0f;
+  if (!m->linux_arm64_rpi_read_gpu_core_temp(&celsius)) return false;
+  return store_temperature(celsius, &gpu->temperatures[kCoreTemperature], out.first);
+}
+
+using TemperatureSources = SourceTable<Source<nv_smi_source, nv_smi_temperatures>,
+                                       Source<drm_core_temperature_source, drm_core_temperature>,
+                                       Source<drm_hwmon_source, drm_memory_temperature>,
+                                       Source<rpi_source, rpi_temperature>>;
+
+// --- power, in first; it keeps no minimum or maximum, and there is no
+// Raspberry Pi source
+
+bool store_power(int reading, zev::GPU* gpu, float* out) {
+  const float current = store_power_reading(&gpu->power, static_cast<float>(reading));
+  if (out != nullptr) *out = current;
+  return true;
+}
+
+bool nv_smi_power(GpuMonitorVorn* m, zev::GPU* gpu, Outputs out) {
+  int reading = 0;
+  return m->linux_nv_smi_read_gpu_power(gpu->nvidia_gpu_index, &reading) &&
+         store_power(reading, gpu, out.first);
+}
+
+bool drm_power_input_source(const zev::GPU* gpu) {
+  return drm_hwmon_source(gpu) && gpu->drm_power_index >= 0;
+}
+
+bool drm_power_input(GpuMonitorVorn* m, zev::GPU* gpu, Outputs out) {
+  int reading = 0;
+  return m->linux_drm_read_gpu_power(gpu->drm_card_index, gpu->drm_hwmon_index,
+                                     gpu->drm_power_index, &reading) &&
+         store_power(reading, gpu, out.first);
+}
+
+// The power limit, and power from an energy counter where no power input
+// reads (i915, xe).
+bool drm_energy_power(GpuMonitorVorn* m, zev::GPU* gpu, Outputs out) {
+  return drm_extra::refresh_power(&extra_sensors(m, gpu), gpu, out.first);
+}
+
+using PowerSources = SourceTable<Source<nv_smi_source, nv_smi_power>,
+                                 Source<drm_power_input_source, drm_power_input>,
+                                 Source<drm_hwmon_source, drm_energy_power>>;
 
 }  // namespace
 
 bool GpuMonitorVorn::gpu_get_clocks(unsigned long index, float* core_mhz, float* memory_mhz) {
-  zev::GPU* gpu = get_gpu(index);
-  if (gpu == nullptr) return false;
-  bool read = false;
-
-  auto store = [&](int mhz, zev::gpuClock* clock, float* out) {
-    store_clock_reading(clock, static_cast<float>(mhz));
-    if (out != nullptr) *out = clock->current;
-    read = true;
-  };
-
-  if (nv_smi_source(gpu)) {
-    int mhz = 0;
-    if (linux_nv_smi_read_gpu_core_clock(gpu->nvidia_gpu_index, &mhz)) {
-      store(mhz, &gpu->core_clock, core_mhz);
-    }
-    if (linux_nv_smi_read_vram_clock(gpu->nvidia_gpu_index, &mhz)) {
-      store(mhz, &gpu->memory_clock, memory_mhz);
-    }
-  }
-  if (drm_hwmon_source(gpu)) {
-    int mhz = 0;
-    if (linux_drm_read_gpu_core_clock(gpu->drm_card_index, gpu->drm_hwmon_index, &mhz)) {
-      store(mhz, &gpu->core_clock, core_mhz);
-    }
-    if (linux_drm_read_vram_clock(gpu->drm_card_index, gpu->drm_hwmon_index, &mhz)) {
-      store(mhz, &gpu->memory_clock, memory_mhz);
-    }
-  }
-  // Intel GT clocks (i915, xe), which no hwmon file holds.
-  if (drm_card_source(gpu) && drm_extra_sensors[gpu->index].intel_clock != drm_extra::IntelClock::kNone &&
-      drm_extra::refresh_intel_clock(drm_extra_sensors[gpu->index], gpu, core_mhz)) {
-    read = true;
-  }
-  if (rpi_source(gpu)) {
-    float mhz = -1.0f;
-    if (linux_arm64_rpi_read_gpu_core_clock(&mhz)) {
-      store_clock_reading(&gpu->core_clock, mhz);
-      if (core_mhz != nullptr) *core_mhz = gpu->core_clock.current;
-      read = true;
-    }
-  }
-  return read;
+  return ClockSources::read(this, index, {core_mhz, memory_mhz});
 }
 
 bool GpuMonitorVorn::gpu_get_usages(unsigned long index, float* core_percent, float* memory_percent,
                                     float*, float*) {
-  zev::GPU* gpu = get_gpu(index);
-  if (gpu == nullptr) return false;
-  bool read = false;
-
-  auto store = [&](float percent, float* triple, float* out) {
-    store_usage_reading(triple, percent);
-    if (out != nullptr) *out = percent;
-    read = true;
-  };
-
-  if (nv_smi_source(gpu)) {
-    int percent = 0;
-    if (linux_nv_smi_read_gpu_usage(gpu->nvidia_gpu_index, &percent)) {
-      store(static_cast<float>(percent), gpu->core_usage, core_percent);
-    }
-    if (linux_nv_smi_read_vram_usage(gpu->nvidia_gpu_index, &percent)) {
-      store(static_cast<float>(percent), gpu->memory_usage, memory_percent);
-    }
-  }
-  // GPU busy percent belongs to the card itself: no hwmon needed.
-  if (drm_card_source(gpu)) {
-    int percent = 0;
-    if (linux_drm_read_gpu_usage(gpu->drm_card_index, &percent)) {
-      store(static_cast<float>(percent), gpu->core_usage, core_percent);
-    }
-    // Memory busy percent and video memory in use (amdgpu).
-    if (drm_extra::refresh_memory_usage(drm_extra_sensors[gpu->index], gpu, memory_percent)) read = true;
-  }
-  if (rpi_source(gpu)) {
-    float percent = -1.0f;
-    if (linux_arm64_rpi_read_gpu_usage_v2(gpu, &percent)) {
-      gpu->rpi_usage_method = 2;
-      store(percent, gpu->core_usage, core_percent);
-    } else if (linux_arm64_rpi_read_gpu_usage_v1(gpu, &percent)) {
-      gpu->rpi_usage_method = 1;
-      store(percent, gpu->core_usage, core_percent);
-    }
-  }
-  return read;
+  return UsageSources::read(this, index, {core_percent, memory_percent});
 }
 
 bool GpuMonitorVorn::gpu_get_temperatures(unsigned long index, float* core_c, float* memory_c,
                                           float*, float*) {
-  zev::GPU* gpu = get_gpu(index);
-  if (gpu == nullptr) return false;
-  bool read = false;
-
-  auto store = [&](float celsius, zev::gpuTemperature* temperature, float* out) {
-    store_temperature_reading(temperature, celsius);
-    if (out != nullptr) *out = celsius;
-    read = true;
-  };
-
-  if (nv_smi_source(gpu)) {
-    int celsius = 0;
-    if (linux_nv_smi_read_gpu_temperature(gpu->nvidia_gpu_index, &celsius)) {
-      store(static_cast<float>(celsius), &gpu->temperatures[0], core_c);
-    }
-    if (linux_nv_smi_read_vram_temperature(gpu->nvidia_gpu_index, &celsius)) {
-      store(static_cast<float>(celsius), &gpu->temperatures[2], memory_c);
-    }
-  }
-  if (drm_hwmon_source(gpu) && gpu->drm_temp_input_index >= 0) {
-    int celsius = 0;
-    if (linux_drm_read_gpu_temperature(gpu->drm_card_index, gpu->drm_hwmon_index,
-                                       gpu->drm_temp_input_index, &celsius)) {
-      store(static_cast<float>(celsius), &gpu->temperatures[0], core_c);
-    }
-  }
-  // The memory temperature: the input labelled "mem" (amdgpu) or "vram" (xe).
-  if (drm_hwmon_source(gpu) &&
-      drm_extra::refresh_memory_temperature(drm_extra_sensors[gpu->index], gpu, memory_c)) {
-    read = true;
-  }
-  if (rpi_source(gpu)) {
-    float celsius = -1.0f;
-    if (linux_arm64_rpi_read_gpu_core_temp(&celsius)) {
-      store(celsius, &gpu->temperatures[0], core_c);
-    }
-  }
-  return read;
+  return TemperatureSources::read(this, index, {core_c, memory_c});
 }
 
-// Power keeps no minimum or maximum; there is no Raspberry Pi source.
 bool GpuMonitorVorn::gpu_power_get_current_value(unsigned long index, float*, float* watts) {
-  zev::GPU* gpu = get_gpu(index);
-  if (gpu == nullptr) return false;
-  bool read = false;
-
-  auto store = [&](int reading) {
-    const float current = store_power_reading(&gpu->power, reading);
-    if (watts != nullptr) *watts = current;
-    read = true;
-  };
-
-  if (nv_smi_source(gpu)) {
-    int reading = 0;
-    if (linux_nv_smi_read_gpu_power(gpu->nvidia_gpu_index, &reading)) store(reading);
-  }
-  if (drm_hwmon_source(gpu) && gpu->drm_power_index >= 0) {
-    int reading = 0;
-    if (linux_drm_read_gpu_power(gpu->drm_card_index, gpu->drm_hwmon_index, gpu->drm_power_index,
-                                 &reading)) {
-      store(reading);
-    }
-  }
-  // The power limit, and power from an energy counter where no power input
-  // reads (i915, xe).
-  if (drm_hwmon_source(gpu) && drm_extra::refresh_power(&drm_extra_sensors[gpu->index], gpu, watts)) {
-    read = true;
-  }
-  return read;
+  return PowerSources::read(this, index, {watts, nullptr});
 }
 
 bool GpuMonitorVorn::gpu_read_fan_speed(unsigned long index) {
@@ -249,11 +266,7 @@ bool GpuMonitorVorn::gpu_read_fan_speed(unsigned long index) {
   if (nv_smi_source(gpu)) {
     int percent = 0;
     if (linux_nv_smi_read_gpu_fan_speed(gpu->nvidia_gpu_index, &percent)) {
-      if (gpu->fans == nullptr) {
-        gpu->num_fans = 1;
-        gpu->fans = new zev::gpuFanSpeed[1];
-      }
-      store_fan_percent(&gpu->fans[0], percent);
+      store_fan_percent(single_fan(gpu), static_cast<float>(percent));
       return true;
     }
   }
@@ -268,7 +281,7 @@ bool GpuMonitorVorn::gpu_read_fan_speed(unsigned long index) {
   for (unsigned long i = 0; i < gpu->num_fans; ++i) {
     int rpm = 0;
     if (linux_drm_read_gpu_fan_speed(gpu->drm_card_index, gpu->drm_hwmon_index, i + 1, &rpm)) {
-      store_fan_reading(&gpu->fans[i], rpm);
+      store_fan_reading(&gpu->fans[i], static_cast<float>(rpm));
     }
   }
   return true;

@@ -3,12 +3,12 @@
 #include <algorithm>
 
 #include "plugin/gpu_monitor_vorn.h"
+#include "record/record_writes.h"
 
 zev::GPU* GpuMonitorVorn::create_gpu() {
   zev::GPU* gpu = new zev::GPU();
   add_gpu(gpu);
-  // Placeholder bus number: keeps discovery order in the sort, never printed.
-  gpu->bus_id = static_cast<int32_t>(1000 + num_gpus);
+  gpu->bus_id = gpu_record::placeholder_bus(num_gpus);
   return gpu;
 }
 
@@ -36,17 +36,7 @@ bool GpuMonitorVorn::cleanup_gpus_list() {
   for (unsigned long i = 0; i < kMaxGpus; ++i) {
     zev::GPU* gpu = gpus[i];
     if (gpu != nullptr) {
-      delete[] gpu->process_utilization;
-      gpu->process_utilization = nullptr;
-      gpu->num_process_utilization = 0;
-      delete[] gpu->perf_levels;
-      gpu->perf_levels = nullptr;
-      gpu->num_perf_levels = 0;
-      if (gpu->num_fans != 0) {
-        delete[] gpu->fans;
-        gpu->fans = nullptr;
-        gpu->num_fans = 0;
-      }
+      gpu_record::free_record_arrays(gpu);
       delete gpu;
     }
     gpus[i] = nullptr;

@@ -11,6 +11,7 @@
 
 #include "backends/drm/drm_extra_sensors.h"
 #include "backends/nvidia/nvml_types.h"
+#include "io/copy_text.h"
 #include "zev/gpu.h"
 #include "zev/gpu_monitor.h"
 
@@ -66,8 +67,8 @@ class GpuMonitorVorn : public zev::GpuMonitor {
   bool graph2d_cleanup(zev::Renderer* renderer) override;
   void set_viewport(int x, int y, int w, int h) override;
   zev::Viewport get_viewport() override;
-  bool draw_gpu_info_simplified(zev::Renderer* renderer, zev::RenderWindow* window,
-                                zev::Font* font, int x, int y, int line_step) override;
+  bool draw_gpu_info_simplified(zev::Renderer* renderer, zev::RenderWindow* window, zev::Font* font,
+                                int x, int y, int line_step) override;
   bool draw_gpu_data_v1(zev::Renderer* renderer, int x, int y, int w, int h,
                         bool show_usage_bars) override;
   bool draw_gpu_data_v2(zev::Renderer* renderer, int x, int y, int w, int h,
@@ -112,8 +113,7 @@ class GpuMonitorVorn : public zev::GpuMonitor {
   unsigned int gpu_db_get_index(unsigned long vendor, unsigned long device);
   unsigned int gpu_db_get_index_v2(unsigned long vendor, unsigned long device,
                                    const char* revision);
-  unsigned int gpu_db_get_index_v3(unsigned long vendor, unsigned long device,
-                                   unsigned long value);
+  unsigned int gpu_db_get_index_v3(unsigned long vendor, unsigned long device, unsigned long value);
   const char* gpu_db_get_adapter_name(unsigned long vendor, int index);
   const char* gpu_db_get_gpu_codename(unsigned long vendor, int index);
   int gpu_db_get_tdp(unsigned long vendor, int index);
@@ -173,7 +173,7 @@ class GpuMonitorVorn : public zev::GpuMonitor {
                                 int* overvoltage) override;
   bool rt_get_cpu_temperature_and_usage(unsigned long, float* temperature, float* usage) override;
 
-  // System information (sysinfo/).
+  // System information (plugin/system_info.cpp, over sysinfo/).
   const char* get_cpu_name() override;
   unsigned long get_cpu_speed_mhz() override;
   unsigned long get_cpu_mem_kb() override;
@@ -259,15 +259,16 @@ class GpuMonitorVorn : public zev::GpuMonitor {
   bool linux_drm_read_driver_name(unsigned long card, unsigned long hwmon, char* text);
   bool linux_drm_read_gpu_core_clock(unsigned long card, unsigned long hwmon, int* mhz);
   bool linux_drm_read_vram_clock(unsigned long card, unsigned long hwmon, int* mhz);
-  bool linux_drm_read_gpu_temperature(unsigned long card, unsigned long hwmon,
-                                      unsigned long sensor, int* celsius);
+  bool linux_drm_read_gpu_temperature(unsigned long card, unsigned long hwmon, unsigned long sensor,
+                                      int* celsius);
   bool linux_drm_read_gpu_fan_speed(unsigned long card, unsigned long hwmon, unsigned long sensor,
                                     int* rpm);
   bool linux_drm_read_gpu_power(unsigned long card, unsigned long hwmon, unsigned long sensor,
                                 int* watts);
 
   // Raspberry Pi back-end (backends/rpi/).
-  bool linux_arm64_rpi_init_gpus();
+  // `model`: the board model; on boards other than a Pi 3, 4 or 5 nothing is added.
+  bool linux_arm64_rpi_init_gpus(const char* model);
   bool linux_arm64_rpi_read_gpu_core_clock(float* mhz);
   bool linux_arm64_rpi_read_gpu_usage_v2(zev::GPU* gpu, float* percent);
   bool linux_arm64_rpi_read_gpu_usage_v1(zev::GPU* gpu, float* percent);
@@ -351,7 +352,3 @@ class GpuMonitorVorn : public zev::GpuMonitor {
 
 // Entry point of the update thread (plugin/update.cpp).
 void* GpuMonitoring_Update_Thread(void* monitor);
-
-// Bounded copy into a fixed text field: at most size - 1 characters, always
-// terminated. A null source copies nothing and leaves an empty text.
-void copy_text(char* dst, unsigned long size, const char* src);

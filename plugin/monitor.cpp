@@ -5,26 +5,15 @@
 #include <cstdio>
 #include <cstring>
 
+#include "gpudb/vendor_tables.h"
 #include "plugin/gpu_monitor_vorn.h"
+#include "record/record_writes.h"
 
 namespace {
 
 const char kAuthor[] = "zev gpumon developers";
-constexpr unsigned long kVendorNvidia = 0x10DE;
 
 }  // namespace
-
-void copy_text(char* dst, unsigned long size, const char* src) {
-  if (dst == nullptr || size == 0) return;
-  unsigned long n = 0;
-  if (src != nullptr) {
-    while (n + 1 < size && src[n] != '\0') {
-      dst[n] = src[n];
-      ++n;
-    }
-  }
-  dst[n] = '\0';
-}
 
 cDisplayDeviceId::cDisplayDeviceId() {
   device_name[0] = '\0';
@@ -106,8 +95,9 @@ bool GpuMonitorVorn::initialize() {
   init_gpus_linux();
   // A Raspberry Pi's V3D GPU has no PCI identity: on a Pi 3, 4 or 5 its
   // discovery runs after the DRM scan (which still finds a PCI card on a
-  // Pi 5). On other machines it finds no Pi board and adds nothing.
-  linux_arm64_rpi_init_gpus();
+  // Pi 5), from the board model, which is the CPU name there. On other
+  // machines it finds no Pi board and adds nothing.
+  linux_arm64_rpi_init_gpus(cpu_name);
   update_all_gpus_marketing_name();
   sort_gpus_by_bus_id();
 
@@ -120,11 +110,11 @@ bool GpuMonitorVorn::initialize() {
       tracef("  - PCI codes: 0x%04X-0x%04X", static_cast<unsigned>(gpu->vendor_id),
              static_cast<unsigned>(gpu->device_id));
     }
-    // Placeholder bus numbers (1000 and up) are never shown.
-    if (gpu->bus_id <= 999) tracef("  - Bus ID: %d", gpu->bus_id);
+    if (gpu_record::not_placeholder_bus(gpu->bus_id)) tracef("  - Bus ID: %d", gpu->bus_id);
     if (gpu->vbios_version[0] != '\0') tracef("  - VBIOS: %s", gpu->vbios_version);
-    if (gpu->temperatures[0].current > 0.0f) {
-      tracef("  - core temperature: %d degC", static_cast<int>(gpu->temperatures[0].current));
+    const float celsius = gpu->temperatures[gpu_record::kCoreTemperature].current;
+    if (celsius > 0.0f) {
+      tracef("  - core temperature: %d degC", static_cast<int>(celsius));
     }
     if (gpu->driver_name[0] != '\0' && gpu->driver_version_short[0] != '\0') {
       tracef("  - driver: %s %s", gpu->driver_name, gpu->driver_version_short);
@@ -187,7 +177,7 @@ bool GpuMonitorVorn::drm_has_other_than_nvidia() {
     if (*p != '\0') continue;
     unsigned long vendor = 0;
     found = linux_drm_gpu_probe(card) && linux_drm_read_vendor_id(card, &vendor) &&
-            vendor != kVendorNvidia;
+            vendor != gpudb_vendor::kNvidia;
   }
   closedir(dir);
   return found;

@@ -50,7 +50,8 @@ bool GpuMonitorVorn::start_update_thread(unsigned long period_ms) {
   // loop at once. A thread that could not be created leaves no handle to
   // join; the start still reports success, as hosts expect.
   pthread_t thread;
-  update_thread = pthread_create(&thread, nullptr, GpuMonitoring_Update_Thread, this) == 0 ? thread : 0;
+  update_thread =
+      pthread_create(&thread, nullptr, GpuMonitoring_Update_Thread, this) == 0 ? thread : 0;
   return true;
 }
 

@@ -9,4 +9,11 @@ namespace board_model {
 
 bool could_be_raspberry_pi();
 
+// Whether a board model text names a Raspberry Pi the monitor knows (3, 4 or 5).
+bool raspberry_pi_model(const char* text);
+
+// The board model of a Raspberry Pi the monitor knows into `model` (128
+// bytes), read only where could_be_raspberry_pi(); false elsewhere.
+bool read_raspberry_pi_model(char* model);
+
 }  // namespace board_model

@@ -5,14 +5,17 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "plugin/command_pipe.h"
-#include "plugin/gpu_monitor_vorn.h"
+#include "io/command_pipe.h"
+#include "io/copy_text.h"
+#include "sysinfo/cpu_readers.h"
+
+namespace sysinfo {
 
 namespace {
 
 // The first line of the command's output (at most size - 1 characters).
 // False when the pipe cannot be opened or no line comes.
-bool read_first_line(const char* command, char* line, int size) {
+bool first_output_line(const char* command, char* line, int size) {
   return first_line_of(command, line, size) == PipeAnswer::kLine;
 }
 
@@ -21,7 +24,7 @@ bool read_first_line(const char* command, char* line, int size) {
 bool read_text(const char* command, char* out) {
   if (out == nullptr) return false;
   char line[256];
-  if (!read_first_line(command, line, 255)) return false;
+  if (!first_output_line(command, line, 255)) return false;
   copy_text(out, 128, line);
   size_t length = std::strlen(out);
   if (length > 0) out[length - 1] = '\0';
@@ -30,7 +33,7 @@ bool read_text(const char* command, char* out) {
 
 bool read_number(const char* command, long* out) {
   char line[128];
-  if (!read_first_line(command, line, 127)) return false;
+  if (!first_output_line(command, line, 127)) return false;
   *out = std::atoi(line);
   return true;
 }
@@ -50,17 +53,17 @@ void warm_up_cpu() {
 
 }  // namespace
 
-bool GpuMonitorVorn::linux_read_cpu_name(char* name) {
+bool read_cpu_name(char* name) {
   return read_text("cat /proc/cpuinfo | grep \"model name\" | cut -c14-", name);
 }
 
-bool GpuMonitorVorn::linux_arm64_rpi_read_cpu_name(char* name) {
+bool read_board_model(char* name) {
   return read_text("cat /proc/cpuinfo | grep \"Model\" | cut -c10-", name);
 }
 
-bool GpuMonitorVorn::linux_read_os_name(char* name) { return read_text("uname -snr", name); }
+bool read_os_name(char* name) { return read_text("uname -snr", name); }
 
-bool GpuMonitorVorn::linux_read_cpu_speed_mhz_current(unsigned long* mhz) {
+bool read_cpu_speed_mhz_current(unsigned long* mhz) {
   if (mhz == nullptr) return false;
   warm_up_cpu();
   long value = 0;
@@ -69,7 +72,7 @@ bool GpuMonitorVorn::linux_read_cpu_speed_mhz_current(unsigned long* mhz) {
   return true;
 }
 
-bool GpuMonitorVorn::linux_read_mem_size_mb(unsigned long* mb) {
+bool read_mem_size_mb(unsigned long* mb) {
   if (mb == nullptr) return false;
   long kb = 0;
   if (!read_number("cat /proc/meminfo | grep MemTotal | cut -c17-  | grep -o '[0-9]*'", &kb))
@@ -77,3 +80,5 @@ bool GpuMonitorVorn::linux_read_mem_size_mb(unsigned long* mb) {
   *mb = static_cast<unsigned long>(kb) >> 10;
   return true;
 }
+
+}  // namespace sysinfo

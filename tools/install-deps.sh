@@ -14,9 +14,9 @@ build_packages=(
 )
 # The tests, the benchmarks and the rest of CI: the second generator, the
 # arm64 cross build, a Prometheus server to scrape --serve, tmux for the live
-# view, the Debian package's checks.
+# view, the Debian package's checks, clang-format for the format check.
 test_packages=(
-  ninja-build python3
+  ninja-build python3 clang-format
   libgtest-dev libgmock-dev libbenchmark-dev
   g++-aarch64-linux-gnu
   prometheus prometheus-node-exporter tmux lintian

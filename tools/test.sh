@@ -12,6 +12,9 @@ cd "$(dirname "$0")/.."
 ./tools/install-deps.sh --test
 jobs="$(nproc)"
 
+echo "== format: the hand-written sources against .clang-format"
+./tools/format-check.sh
+
 # The plain build uses the Unix Makefiles generator, the others Ninja: both
 # generators build everything.
 echo "== plain build (Unix Makefiles)"

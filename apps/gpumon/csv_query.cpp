@@ -61,10 +61,8 @@ std::string cell(const QueryColumn& column, const FieldValue& value, bool units)
       if (column.form == QueryColumn::kBusId) return bus_id_text(value.text);
       if (column.form == QueryColumn::kLocalTime) return local_time_text(value.text);
       return quoted(value.text);
-    case FieldValue::kBool:
-      return value.flag ? "true" : "false";
-    case FieldValue::kUnknown:
-      break;
+    case FieldValue::kBool: return value.flag ? "true" : "false";
+    case FieldValue::kUnknown: break;
   }
   return "[N/A]";
 }

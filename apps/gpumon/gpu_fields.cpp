@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "record/record_slots.h"
+
 namespace {
 
 using zev::GPU;
@@ -26,8 +28,7 @@ std::string hex(uint64_t value, int digits) {
   return text;
 }
 
-// Bus numbers of 1000 and above are placeholders for "not read".
-bool bus_known(const GPU& gpu) { return gpu.bus_id >= 0 && gpu.bus_id <= 999; }
+bool bus_known(const GPU& gpu) { return gpu_record::real_bus(gpu.bus_id); }
 
 // The bus number: the record's, or the one of the address found for it.
 long bus_number(const GpuView& v) {
@@ -197,21 +198,33 @@ const std::vector<GpuField> kFields = {
        return mj > 0.0f ? FieldValue::reading(mj, 1000.0) : FieldValue::unknown();
      }},
     {"temperature.gpu", "temperature_c.core", "C", "core temperature",
-     [](const GpuView& v) { return FieldValue::reading(v.gpu->temperatures[0].current); }},
+     [](const GpuView& v) {
+       return FieldValue::reading(v.gpu->temperatures[gpu_record::kCoreTemperature].current);
+     }},
     {"temperature.gpu.lowest", "temperature_c.core_lowest", "C",
      "lowest core temperature since start",
-     [](const GpuView& v) { return FieldValue::reading(v.gpu->temperatures[0].min); }},
+     [](const GpuView& v) {
+       return FieldValue::reading(v.gpu->temperatures[gpu_record::kCoreTemperature].min);
+     }},
     {"temperature.gpu.highest", "temperature_c.core_highest", "C",
      "highest core temperature since start",
-     [](const GpuView& v) { return FieldValue::reading(v.gpu->temperatures[0].max); }},
+     [](const GpuView& v) {
+       return FieldValue::reading(v.gpu->temperatures[gpu_record::kCoreTemperature].max);
+     }},
     {"temperature.memory", "temperature_c.memory", "C", "memory temperature",
-     [](const GpuView& v) { return FieldValue::reading(v.gpu->temperatures[2].current); }},
+     [](const GpuView& v) {
+       return FieldValue::reading(v.gpu->temperatures[gpu_record::kMemoryTemperature].current);
+     }},
     {"temperature.memory.lowest", "temperature_c.memory_lowest", "C",
      "lowest memory temperature since start",
-     [](const GpuView& v) { return FieldValue::reading(v.gpu->temperatures[2].min); }},
+     [](const GpuView& v) {
+       return FieldValue::reading(v.gpu->temperatures[gpu_record::kMemoryTemperature].min);
+     }},
     {"temperature.memory.highest", "temperature_c.memory_highest", "C",
      "highest memory temperature since start",
-     [](const GpuView& v) { return FieldValue::reading(v.gpu->temperatures[2].max); }},
+     [](const GpuView& v) {
+       return FieldValue::reading(v.gpu->temperatures[gpu_record::kMemoryTemperature].max);
+     }},
     {"temperature.shutdown", "temperature_c.shutdown_threshold", "C",
      "temperature at which the GPU shuts down (NVML)",
      [](const GpuView& v) { return threshold(v.gpu->temperature_thresholds[0]); }},

@@ -20,8 +20,8 @@ const char* reason(int status) {
 }
 
 bool has_body(MHD_Connection* connection) {
-  const char* length = MHD_lookup_connection_value(connection, MHD_HEADER_KIND,
-                                                   MHD_HTTP_HEADER_CONTENT_LENGTH);
+  const char* length =
+      MHD_lookup_connection_value(connection, MHD_HEADER_KIND, MHD_HTTP_HEADER_CONTENT_LENGTH);
   return (length != nullptr && std::strtoull(length, nullptr, 10) > 0) ||
          MHD_lookup_connection_value(connection, MHD_HEADER_KIND,
                                      MHD_HTTP_HEADER_TRANSFER_ENCODING) != nullptr;
@@ -110,8 +110,8 @@ void HttpServer::on_completed(void* self, MHD_Connection* connection, void**,
 
 HttpAnswer HttpServer::answer(MHD_Connection* connection, const char* url,
                               const char* method) const {
-  const char* length = MHD_lookup_connection_value(connection, MHD_HEADER_KIND,
-                                                   MHD_HTTP_HEADER_CONTENT_LENGTH);
+  const char* length =
+      MHD_lookup_connection_value(connection, MHD_HEADER_KIND, MHD_HTTP_HEADER_CONTENT_LENGTH);
   if (length != nullptr && std::strtoull(length, nullptr, 10) > limits_.max_body) {
     HttpAnswer too_large;
     too_large.status = 413;

@@ -26,9 +26,9 @@ struct HttpAnswer {
 using HttpRoute = std::function<HttpAnswer(const std::string& method, const std::string& path)>;
 
 struct HttpLimits {
-  unsigned connections = 512;         // open at once; more are closed when accepted
-  unsigned per_address = 64;          // open at once from one client address
-  size_t connection_memory = 16384;   // a request line and headers beyond it: 414, 431
+  unsigned connections = 512;           // open at once; more are closed when accepted
+  unsigned per_address = 64;            // open at once from one client address
+  size_t connection_memory = 16384;     // a request line and headers beyond it: 414, 431
   unsigned long long max_body = 65536;  // a longer Content-Length: 413
   // A connection with no request under way is closed after this long,
   // whether or not bytes come (a request line sent a byte at a time).

@@ -22,12 +22,9 @@ ordered_json field_json(const FieldValue& value) {
       if (std::fabs(value.number) < 9007199254740992.0 && value.number == std::floor(value.number))
         return static_cast<int64_t>(value.number);
       return value.number;
-    case FieldValue::kText:
-      return value.text;
-    case FieldValue::kBool:
-      return value.flag;
-    case FieldValue::kUnknown:
-      break;
+    case FieldValue::kText: return value.text;
+    case FieldValue::kBool: return value.flag;
+    case FieldValue::kUnknown: break;
   }
   return nullptr;
 }

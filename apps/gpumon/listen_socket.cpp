@@ -64,8 +64,8 @@ int open_listen_socket(const std::string& host, int port, int backlog, int* boun
   sockaddr_storage address{};
   socklen_t length = sizeof address;
   getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-  *bound_port = ntohs(address.ss_family == AF_INET6
-                          ? reinterpret_cast<sockaddr_in6*>(&address)->sin6_port
-                          : reinterpret_cast<sockaddr_in*>(&address)->sin_port);
+  *bound_port =
+      ntohs(address.ss_family == AF_INET6 ? reinterpret_cast<sockaddr_in6*>(&address)->sin6_port
+                                          : reinterpret_cast<sockaddr_in*>(&address)->sin_port);
   return fd;
 }

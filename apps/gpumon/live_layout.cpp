@@ -4,6 +4,8 @@
 #include <cmath>
 #include <cstdio>
 
+#include "record/record_slots.h"
+
 namespace {
 
 constexpr size_t kHistoryLength = 512;
@@ -112,8 +114,8 @@ std::vector<const zev::gpuProcessUtilization*> processes(const zev::GPU& gpu) {
 }
 
 // The rows of one GPU's block; `process_rows` rows at most for processes.
-std::vector<Row> gpu_block(const GpuView& view, const GpuHistory& history, bool selected,
-                           int width, size_t process_rows) {
+std::vector<Row> gpu_block(const GpuView& view, const GpuHistory& history, bool selected, int width,
+                           size_t process_rows) {
   const zev::GPU& gpu = *view.gpu;
   std::vector<Row> rows;
   RowBuilder title;
@@ -132,7 +134,8 @@ std::vector<Row> gpu_block(const GpuView& view, const GpuHistory& history, bool 
   const float core = gpu.core_usage[0];
   bar(&usage, "GPU  ", known(core) ? core / 100.0 : -1.0, bar_width, format("%3.0f %%", core));
   if (gpu.vram_size_mb > 0 && gpu.vram_used_mb >= 0) {
-    const double used = static_cast<double>(gpu.vram_used_mb), total = static_cast<double>(gpu.vram_size_mb);
+    const double used = static_cast<double>(gpu.vram_used_mb),
+                 total = static_cast<double>(gpu.vram_size_mb);
     bar(&usage, "MEM  ", used / total, bar_width,
         format("%.0f", used) + "/" + format("%.0f MiB", total));
   } else {
@@ -144,12 +147,13 @@ std::vector<Row> gpu_block(const GpuView& view, const GpuHistory& history, bool 
 
   RowBuilder heat;
   heat.skip(2);
-  const float temperature = gpu.temperatures[0].current, limit = temperature_limit(gpu);
+  const float temperature = gpu.temperatures[gpu_record::kCoreTemperature].current,
+              limit = temperature_limit(gpu);
   bar(&heat, "TEMP ", known(temperature) ? temperature / limit : -1.0, bar_width,
       format("%.0f", temperature) + (has_threshold(gpu) ? format("/%.0f C", limit) : " C"));
   const float watts = gpu.power.watts, watts_limit = power_limit(gpu);
-  bar(&heat, "POWER", known(watts) ? (watts_limit > 0 ? watts / watts_limit : 0.0) : -1.0, bar_width,
-      format("%.0f", watts) + (watts_limit > 0 ? format("/%.0f W", watts_limit) : " W"));
+  bar(&heat, "POWER", known(watts) ? (watts_limit > 0 ? watts / watts_limit : 0.0) : -1.0,
+      bar_width, format("%.0f", watts) + (watts_limit > 0 ? format("/%.0f W", watts_limit) : " W"));
   rows.push_back(heat.row);
 
   RowBuilder facts;
@@ -191,7 +195,8 @@ std::vector<Row> gpu_block(const GpuView& view, const GpuHistory& history, bool 
       process.add(format("%7.0f ", list[i]->pid), Tone::kLabel);
       process.add(name);
       process.column = std::max(process.column, width - 28);
-      process.add(format("SM %3.0f%%  ", list[i]->sm_util) + format("MEM %3.0f%%", list[i]->mem_util));
+      process.add(format("SM %3.0f%%  ", list[i]->sm_util) +
+                  format("MEM %3.0f%%", list[i]->mem_util));
     }
     rows.push_back(process.row);
   }
@@ -213,7 +218,7 @@ void clip(Row* row, int width) {
 
 void GpuHistory::add(const zev::GPU& gpu) {
   usage.push_back(gpu.core_usage[0]);
-  temperature.push_back(gpu.temperatures[0].current);
+  temperature.push_back(gpu.temperatures[gpu_record::kCoreTemperature].current);
   if (usage.size() > kHistoryLength) usage.pop_front();
   if (temperature.size() > kHistoryLength) temperature.pop_front();
 }
@@ -240,7 +245,8 @@ std::vector<Row> layout_live_view(const std::vector<GpuView>& gpus, const LiveSt
       line += (line.empty() ? "" : " ") + word;
       at = end + 1;
     }
-    if (!line.empty() && static_cast<int>(rows.size()) < height) rows.push_back({{0, line, Tone::kHot}});
+    if (!line.empty() && static_cast<int>(rows.size()) < height)
+      rows.push_back({{0, line, Tone::kHot}});
     for (Row& row : rows) clip(&row, width);
     return rows;
   }

@@ -84,16 +84,11 @@ void refresh_readings(zev::GpuMonitor* monitor, const std::vector<GpuView>& gpus
 bool handle_key(int key, size_t gpu_count, LiveState* state) {
   switch (key) {
     case 'q':
-    case 'Q':
-      return true;
+    case 'Q': return true;
     case '+':
-    case '=':
-      state->period_seconds = std::min(state->period_seconds * 2.0, kLongestPeriod);
-      break;
+    case '=': state->period_seconds = std::min(state->period_seconds * 2.0, kLongestPeriod); break;
     case '-':
-    case '_':
-      state->period_seconds = std::max(state->period_seconds / 2.0, kShortestPeriod);
-      break;
+    case '_': state->period_seconds = std::max(state->period_seconds / 2.0, kShortestPeriod); break;
     case KEY_DOWN:
     case KEY_RIGHT:
     case '\t':

@@ -6,9 +6,9 @@
 #include <nlohmann/json.hpp>
 #include <vector>
 
+#include "gpudb/gpu_db.h"
 #include "gpudb/vendor_tables.h"
 #include "json_report.h"
-#include "plugin/gpu_monitor_vorn.h"
 
 namespace {
 
@@ -94,10 +94,9 @@ int run_lookup(const std::string& id, bool as_json) {
                  id.c_str());
     return 2;
   }
-  GpuMonitorVorn monitor;
   const int index = static_cast<int>(
-      pci.has_revision ? monitor.gpu_db_get_index_v2(pci.vendor, pci.device, pci.revision_text)
-                       : monitor.gpu_db_get_index(pci.vendor, pci.device));
+      pci.has_revision ? gpudb::index_of_revision(pci.vendor, pci.device, pci.revision_text)
+                       : gpudb::index_of(pci.vendor, pci.device));
   const GpuDbTable table = gpu_db_index_table(pci.vendor);
   const GpuDbRow* row =
       (index >= 0 && table.rows != nullptr && table.adapter_name(table.rows[index]) != nullptr)

@@ -144,9 +144,9 @@ bool show(Report* report, long refresh) {
     const std::vector<TraceLine> fresh(t->lines.begin() + static_cast<long>(t->reported),
                                        t->lines.end());
     t->reported = t->lines.size();
-    return emit(dump_json(render_json(report->monitor, gpus, fresh, now),
-                          options.watch_seconds == 0) +
-                "\n");
+    return emit(
+        dump_json(render_json(report->monitor, gpus, fresh, now), options.watch_seconds == 0) +
+        "\n");
   }
   std::string text;
   if (refresh > 0) {

@@ -67,8 +67,8 @@ std::string format_number(double value) {
 
 Labels& Labels::add(const char* name, const std::string& value) {
   if (value.empty()) return *this;
-  text_ += (text_.empty() ? "" : ",") + std::string(name) + "=\"" + escape_label_value(value) +
-           "\"";
+  text_ +=
+      (text_.empty() ? "" : ",") + std::string(name) + "=\"" + escape_label_value(value) + "\"";
   return *this;
 }
 

@@ -45,8 +45,8 @@ const Sample kSamples[] = {
     {"gpumon_gpu_power_watts", "gauge", "GPU power draw in watts.", "", "", "power.draw", 1, 1},
     {"gpumon_gpu_power_limit_watts", "gauge", "GPU power limit in force, in watts.", "", "",
      "enforced.power.limit", 1, 1},
-    {"gpumon_gpu_power_default_limit_watts", "gauge", "GPU default power limit, in watts.", "",
-     "", "power.default_limit", 1, 1},
+    {"gpumon_gpu_power_default_limit_watts", "gauge", "GPU default power limit, in watts.", "", "",
+     "power.default_limit", 1, 1},
     {"gpumon_gpu_power_min_limit_watts", "gauge", "Lowest power limit the GPU allows, in watts.",
      "", "", "power.min_limit", 1, 1},
     {"gpumon_gpu_power_max_limit_watts", "gauge", "Highest power limit the GPU allows, in watts.",
@@ -59,9 +59,15 @@ const Sample kSamples[] = {
 
 // NVML's clock throttle reasons, by bit.
 const char* const kThrottleReasons[] = {
-    "gpu_idle",          "applications_clocks_setting", "sw_power_cap",
-    "hw_slowdown",       "sync_boost",                  "sw_thermal_slowdown",
-    "hw_thermal_slowdown", "hw_power_brake_slowdown",   "display_clock_setting",
+    "gpu_idle",
+    "applications_clocks_setting",
+    "sw_power_cap",
+    "hw_slowdown",
+    "sync_boost",
+    "sw_thermal_slowdown",
+    "hw_thermal_slowdown",
+    "hw_power_brake_slowdown",
+    "display_clock_setting",
 };
 
 // A text field of the table ("" when unknown).
@@ -132,8 +138,8 @@ void add_record_samples(std::string* out, const std::vector<GpuView>& gpus,
     if (gpu.throttle_reason_text[0] != '\0') {
       for (unsigned bit = 0; bit < 64; ++bit) {
         if ((gpu.throttle_reasons >> bit & 1u) == 0) continue;
-        const std::string reason =
-            bit < std::size(kThrottleReasons) ? kThrottleReasons[bit] : "bit_" + std::to_string(bit);
+        const std::string reason = bit < std::size(kThrottleReasons) ? kThrottleReasons[bit]
+                                                                     : "bit_" + std::to_string(bit);
         throttle.add(labels[g].with("reason", reason), 1);
       }
     }

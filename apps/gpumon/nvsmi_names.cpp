@@ -32,7 +32,10 @@ const NvsmiName kNames[] = {
     {{"vbios_version"}, "vbios_version", "", -1, F::kPlain},
     {{"fan.speed"}, "fan.speed", "%", 0, F::kPlain},
     {{"clocks_event_reasons.active", "clocks_throttle_reasons.active"},
-     "clocks_throttle_reasons.active", "", -1, F::kPlain},
+     "clocks_throttle_reasons.active",
+     "",
+     -1,
+     F::kPlain},
     {{"memory.total"}, "memory.total", "MiB", 0, F::kPlain},
     {{"memory.used"}, "memory.used", "MiB", 0, F::kPlain},
     {{"memory.free"}, "memory.free", "MiB", 0, F::kPlain},
@@ -43,10 +46,12 @@ const NvsmiName kNames[] = {
     {{"temperature.memory"}, "temperature.memory", "", 0, F::kPlain},
     {{"power.draw"}, "power.draw", "W", 2, F::kPlain},
     {{"power.limit", "gpu.power.requested_limit"}, "power.limit", "W", 2, F::kPlain},
-    {{"enforced.power.limit", "gpu.power.current_limit"}, "enforced.power.limit", "W", 2,
+    {{"enforced.power.limit", "gpu.power.current_limit"},
+     "enforced.power.limit",
+     "W",
+     2,
      F::kPlain},
-    {{"power.default_limit", "gpu.power.default_limit"}, "power.default_limit", "W", 2,
-     F::kPlain},
+    {{"power.default_limit", "gpu.power.default_limit"}, "power.default_limit", "W", 2, F::kPlain},
     {{"power.min_limit", "gpu.power.min_limit"}, "power.min_limit", "W", 2, F::kPlain},
     {{"power.max_limit", "gpu.power.max_limit"}, "power.max_limit", "W", 2, F::kPlain},
     // The SM clock is the graphics clock's domain: the captures show the two equal.
@@ -99,7 +104,8 @@ std::string query_help() {
   for (const NvsmiName& entry : kNames) {
     if (find_query_field(entry.field) == nullptr) continue;
     std::string names = std::string("  ") + entry.names[0];
-    for (int i = 1; i < 3 && entry.names[i] != nullptr; ++i) names += std::string(", ") + entry.names[i];
+    for (int i = 1; i < 3 && entry.names[i] != nullptr; ++i)
+      names += std::string(", ") + entry.names[i];
     if (entry.unit[0] != '\0') names += std::string(" [") + entry.unit + "]";
     out += padded(names, 56) + "= " + entry.field + "\n";
   }

@@ -106,41 +106,21 @@ bool apply(int id, const char* v, Options* o, bool* format_given, std::string* e
     return false;
   };
   switch (id) {
-    case kJson:
-      o->json = true;
-      return true;
-    case 'h':
-      o->help = true;
-      return true;
-    case kHelpQuery:
-      o->help_query = true;
-      return true;
-    case kVersion:
-      o->version = true;
-      return true;
-    case kTrace:
-      o->trace = true;
-      return true;
-    case kGlInfo:
-      o->gl_info = true;
-      return true;
-    case kWide:
-      o->wide = true;
-      return true;
-    case kNoTui:
-      o->no_tui = true;
-      return true;
+    case kJson: o->json = true; return true;
+    case 'h': o->help = true; return true;
+    case kHelpQuery: o->help_query = true; return true;
+    case kVersion: o->version = true; return true;
+    case kTrace: o->trace = true; return true;
+    case kGlInfo: o->gl_info = true; return true;
+    case kWide: o->wide = true; return true;
+    case kNoTui: o->no_tui = true; return true;
     case kMachine:
       // An empty folder name must not fall back to the real machine.
       if (value.empty()) return fail("--machine needs a machine folder");
       o->machine = value;
       return true;
-    case kPlugin:
-      o->plugin = value;
-      return true;
-    case kLookup:
-      o->lookup = value;
-      return true;
+    case kPlugin: o->plugin = value; return true;
+    case kLookup: o->lookup = value; return true;
     case kRecord:
       if (value.empty()) return fail("--record needs a folder to write");
       o->record = value;
@@ -148,8 +128,7 @@ bool apply(int id, const char* v, Options* o, bool* format_given, std::string* e
     case kWatch:
       return parse_seconds(v, &o->watch_seconds) ||
              fail("--watch needs a positive, finite number of seconds");
-    case kCount:
-      return parse_count(v, &o->count) || fail("--count needs a positive whole number");
+    case kCount: return parse_count(v, &o->count) || fail("--count needs a positive whole number");
     case kQuery:
       for (const std::string& name : split_list(value)) {
         QueryColumn column;
@@ -241,11 +220,9 @@ Mode mode_of(const Options& o) {
   if (o.gl_info) return {"--gl-info", {kGlInfo, kJson, kGl, kTrace, kMachine, kPlugin}};
   if (!o.serve.empty()) return {"--serve", {kServe, kGpu, kTrace, kMachine, kPlugin}};
   if (!o.overlay.empty())
-    return {"--overlay",
-            {kOverlay, kSize, kGl, kText, kWatch, kCount, kTrace, kMachine, kPlugin}};
+    return {"--overlay", {kOverlay, kSize, kGl, kText, kWatch, kCount, kTrace, kMachine, kPlugin}};
   return {"the GPU report (table, --json or --query)",
-          {kJson, kQuery, kFormat, kGpu, kWatch, kCount, kWide, kNoTui, kTrace, kMachine,
-           kPlugin}};
+          {kJson, kQuery, kFormat, kGpu, kWatch, kCount, kWide, kNoTui, kTrace, kMachine, kPlugin}};
 }
 
 // Refuses, with a one-line reason, options the chosen mode would ignore.

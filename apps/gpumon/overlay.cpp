@@ -76,8 +76,10 @@ const std::pair<const char*, int> kLimits[] = {
 };
 
 // Colours of the GPUs' curves and texts, in GPU order.
-const float kPalette[][4] = {{0.3f, 1.0f, 0.3f, 1.0f}, {1.0f, 0.75f, 0.2f, 1.0f},
-                             {0.35f, 0.7f, 1.0f, 1.0f}, {1.0f, 0.4f, 0.6f, 1.0f}};
+const float kPalette[][4] = {{0.3f, 1.0f, 0.3f, 1.0f},
+                             {1.0f, 0.75f, 0.2f, 1.0f},
+                             {0.35f, 0.7f, 1.0f, 1.0f},
+                             {1.0f, 0.4f, 0.6f, 1.0f}};
 
 zev::GlHostOptions host_options(const Options& options) {
   zev::GlHostOptions host;
@@ -117,8 +119,8 @@ bool draw(zev::GpuMonitor* monitor, zev::GlHost* host, const std::string& text) 
   if (text == "v3")
     return monitor->draw_gpu_data_v3(r, 10, 10, w, h, font, program, camera, 1.0f, 20, 20, 16);
   if (text == "v4")
-    return monitor->draw_gpu_data_v4(r, 10, 10, w, h, host->freetype(), font, program, camera,
-                                     1.0f, 20, 20, 18);
+    return monitor->draw_gpu_data_v4(r, 10, 10, w, h, host->freetype(), font, program, camera, 1.0f,
+                                     20, 20, 18);
   return monitor->draw_gpu_data_v5(r, 10, 10, w, h, font, program, camera, 1.0f, 0, 0, 16, true);
 }
 
@@ -130,8 +132,7 @@ void record_usages(zev::GpuMonitor* monitor, UsageHistory* history) {
     (*history)[i].push_back(monitor->get_gpu(i)->core_usage[0]);
 }
 
-int render_overlay(zev::GpuMonitor* monitor, const Options& options,
-                   const UsageHistory& history) {
+int render_overlay(zev::GpuMonitor* monitor, const Options& options, const UsageHistory& history) {
   std::string error;
   std::unique_ptr<zev::GlHost> host = zev::GlHost::create(host_options(options), &error);
   if (!host) {
@@ -190,7 +191,8 @@ int show_gl_info(zev::GpuMonitor* monitor, const Options& options) {
   for (const auto& [name, count] : kLimits) {
     int v[4] = {0, 0, 0, 0};
     monitor->opengl_get_capability_4i(name, &v[0], &v[1], &v[2], &v[3]);
-    limits[name] = count == 1 ? nlohmann::ordered_json(v[0]) : nlohmann::ordered_json({v[0], v[1], v[2]});
+    limits[name] =
+        count == 1 ? nlohmann::ordered_json(v[0]) : nlohmann::ordered_json({v[0], v[1], v[2]});
   }
   doc["limits"] = limits;
   nlohmann::ordered_json extensions = nlohmann::ordered_json::array();

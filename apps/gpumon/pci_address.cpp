@@ -9,6 +9,8 @@
 #include <fstream>
 #include <vector>
 
+#include "record/record_slots.h"
+
 namespace fs = std::filesystem;
 
 namespace {
@@ -107,7 +109,7 @@ std::string find_pci_address(const zev::GPU& gpu) {
     return "";
   }
   if (gpu.vendor_id == 0 && gpu.device_id == 0) return "";
-  const bool bus_known = gpu.bus_id >= 0 && gpu.bus_id <= 999;
+  const bool bus_known = gpu_record::real_bus(gpu.bus_id);
   std::string found;
   for (const Device& d : devices) {
     PciAddress a;

@@ -88,10 +88,11 @@ void write_readme(const std::string& folder, const std::string& document, size_t
       const auto text = [](const nlohmann::json& v) {
         return v.is_string() ? v.get<std::string>() : std::string("-");
       };
-      const std::string name = gpu["name"].is_string() ? text(gpu["name"]) : text(gpu["device_name"]);
-      out << "- " << gpu.value("index", 0) << ": " << name << " ("
-          << text(gpu["pci"]["vendor_id"]) << ":" << text(gpu["pci"]["device_id"]) << ", driver "
-          << text(gpu["driver"]["name"]) << ", PCI " << text(gpu["pci"]["address"]) << ")\n";
+      const std::string name =
+          gpu["name"].is_string() ? text(gpu["name"]) : text(gpu["device_name"]);
+      out << "- " << gpu.value("index", 0) << ": " << name << " (" << text(gpu["pci"]["vendor_id"])
+          << ":" << text(gpu["pci"]["device_id"]) << ", driver " << text(gpu["driver"]["name"])
+          << ", PCI " << text(gpu["pci"]["address"]) << ")\n";
     }
     if (doc["gpus"].empty()) out << "- none\n";
   } else {
@@ -149,8 +150,8 @@ int record_machine(const std::string& folder, const std::string& plugin) {
 
   const std::string stand_in = cuda_stand_in(plugin);
   bool nvml_bypassed = false;
-  if (record::count_answers(root, "nvidia-smi") == 0 && !record::find_on_path("nvidia-smi").empty() &&
-      !stand_in.empty()) {
+  if (record::count_answers(root, "nvidia-smi") == 0 &&
+      !record::find_on_path("nvidia-smi").empty() && !stand_in.empty()) {
     if (void* cuda = dlopen("libcuda.so", RTLD_LAZY)) {
       dlclose(cuda);
       // NVML "found" as a library without its entry points fails to start.

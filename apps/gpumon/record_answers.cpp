@@ -50,7 +50,8 @@ std::string find_on_path(const std::string& tool) {
   return "";
 }
 
-std::vector<std::string> write_recording_shims(const std::string& shims, const std::string& folder) {
+std::vector<std::string> write_recording_shims(const std::string& shims,
+                                               const std::string& folder) {
   std::vector<std::string> written;
   for (const std::string& tool : recorded_tools()) {
     const std::string real = find_on_path(tool);
@@ -58,12 +59,17 @@ std::vector<std::string> write_recording_shims(const std::string& shims, const s
     const std::string answers = folder + "/bin/answers/" + tool;
     const std::string script =
         "#!/bin/sh\n"
-        "# Runs the real " + tool + " and keeps its answer for gpumon --record.\n"
-        "dir=" + quoted(answers) + "\n"
+        "# Runs the real " +
+        tool +
+        " and keeps its answer for gpumon --record.\n"
+        "dir=" +
+        quoted(answers) +
+        "\n"
         "mkdir -p \"$dir\"\n"
         "n=$(printf '%04d' \"$(ls \"$dir\" | grep -c '\\.args$')\")\n"
         "printf '%s' \"$*\" > \"$dir/$n.args\"\n" +
-        quoted(real) + " \"$@\" > \"$dir/$n.out\" 2>/dev/null\n"
+        quoted(real) +
+        " \"$@\" > \"$dir/$n.out\" 2>/dev/null\n"
         "rc=$?\n"
         "echo \"$rc\" > \"$dir/$n.rc\"\n"
         "cat \"$dir/$n.out\"\n"
@@ -85,9 +91,15 @@ size_t count_answers(const std::string& folder, const std::string& tool) {
 bool write_replay_script(const std::string& folder, const std::string& tool) {
   const std::string script =
       "#!/bin/sh\n"
-      "# " + tool + " as gpumon --record kept it: the first answer recorded for the\n"
-      "# same arguments (bin/answers/" + tool + "/NNNN.args, .out and .rc).\n"
-      "dir=\"$(dirname \"$0\")/answers/" + tool + "\"\n"
+      "# " +
+      tool +
+      " as gpumon --record kept it: the first answer recorded for the\n"
+      "# same arguments (bin/answers/" +
+      tool +
+      "/NNNN.args, .out and .rc).\n"
+      "dir=\"$(dirname \"$0\")/answers/" +
+      tool +
+      "\"\n"
       "for args in \"$dir\"/*.args; do\n"
       "  [ -f \"$args\" ] || break\n"
       "  if [ \"$(cat \"$args\")\" = \"$*\" ]; then\n"
@@ -95,7 +107,9 @@ bool write_replay_script(const std::string& folder, const std::string& tool) {
       "    exit \"$(cat \"${args%.args}.rc\")\"\n"
       "  fi\n"
       "done\n"
-      "echo \"" + tool + ": no answer was recorded for: $*\" >&2\n"
+      "echo \"" +
+      tool +
+      ": no answer was recorded for: $*\" >&2\n"
       "exit 1\n";
   return write_script(fs::path(folder) / "bin" / tool, script);
 }

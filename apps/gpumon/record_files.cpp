@@ -18,18 +18,26 @@ namespace {
 
 // What the monitor reads of a card's PCI device, of the card itself, and of
 // an Intel xe card's first GT.
-const char* const kDeviceFiles[] = {
-    "vendor",         "device",           "revision",         "subsystem_vendor",
-    "subsystem_device", "class",          "vbios_version",    "gpu_busy_percent",
-    "mem_busy_percent", "mem_info_vram_total", "mem_info_vram_used", "uevent",
-    "tile0/gt0/freq0/act_freq", "tile0/gt0/freq0/cur_freq"};
+const char* const kDeviceFiles[] = {"vendor",
+                                    "device",
+                                    "revision",
+                                    "subsystem_vendor",
+                                    "subsystem_device",
+                                    "class",
+                                    "vbios_version",
+                                    "gpu_busy_percent",
+                                    "mem_busy_percent",
+                                    "mem_info_vram_total",
+                                    "mem_info_vram_used",
+                                    "uevent",
+                                    "tile0/gt0/freq0/act_freq",
+                                    "tile0/gt0/freq0/cur_freq"};
 const char* const kCardFiles[] = {"gt_act_freq_mhz", "gt_cur_freq_mhz"};
 // The Raspberry Pi's V3D statistics (Pi 5, Pi 4) and debug files.
-const char* const kPiFiles[] = {"/sys/devices/platform/axi/1002000000.v3d/gpu_stats",
-                                "/sys/devices/platform/v3dbus/fec00000.v3d/gpu_stats",
-                                "/sys/kernel/debug/dri/0/gpu_usage",
-                                "/sys/kernel/debug/dri/1/gpu_usage",
-                                "/sys/kernel/debug/dri/1002000000.v3d/measure_clock"};
+const char* const kPiFiles[] = {
+    "/sys/devices/platform/axi/1002000000.v3d/gpu_stats",
+    "/sys/devices/platform/v3dbus/fec00000.v3d/gpu_stats", "/sys/kernel/debug/dri/0/gpu_usage",
+    "/sys/kernel/debug/dri/1/gpu_usage", "/sys/kernel/debug/dri/1002000000.v3d/measure_clock"};
 const char* const kProcFiles[] = {"/proc/meminfo", "/proc/sys/kernel/osrelease"};
 
 constexpr size_t kMaxFileSize = 1 << 20;
@@ -111,10 +119,12 @@ bool monitor_reads_hwmon_file(const std::string& name) {
   for (size_t i = digits; i < underscore; ++i) {
     if (!std::isdigit(static_cast<unsigned char>(name[i]))) return false;
   }
-  if (kind == "temp" || kind == "freq" || kind == "energy") return leaf == "input" || leaf == "label";
+  if (kind == "temp" || kind == "freq" || kind == "energy")
+    return leaf == "input" || leaf == "label";
   if (kind == "fan") return leaf == "input";
   if (kind == "power") {
-    return leaf == "input" || leaf == "average" || leaf == "label" || leaf == "cap" || leaf == "max";
+    return leaf == "input" || leaf == "average" || leaf == "label" || leaf == "cap" ||
+           leaf == "max";
   }
   return false;
 }

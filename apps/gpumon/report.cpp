@@ -6,6 +6,7 @@
 #include <sstream>
 
 #include "gpu_fields.h"
+#include "record/record_slots.h"
 
 namespace {
 
@@ -51,12 +52,13 @@ std::string fans_text(const zev::GPU* gpu) {
   for (uint64_t i = 0; i < gpu->num_fans; ++i) {
     const zev::gpuFanSpeed& fan = gpu->fans[i];
     const bool rpm = known(fan.rpm);
-    values.push_back(rpm ? format_value(fan.rpm, 0)
-                         : known(fan.speed_percent) ? format_value(fan.speed_percent, 0) : "-");
+    values.push_back(rpm                        ? format_value(fan.rpm, 0)
+                     : known(fan.speed_percent) ? format_value(fan.speed_percent, 0)
+                                                : "-");
     units.push_back(rpm ? " rpm" : known(fan.speed_percent) ? "%" : "");
   }
-  const bool one_unit = std::all_of(units.begin(), units.end(),
-                                    [&](const std::string& u) { return u == units[0]; });
+  const bool one_unit =
+      std::all_of(units.begin(), units.end(), [&](const std::string& u) { return u == units[0]; });
   std::string text;
   for (size_t i = 0; i < values.size(); ++i) {
     if (i != 0) text += ",";
@@ -127,7 +129,7 @@ std::string format_value(float value, int decimals) {
 }
 
 std::string render_table(zev::GpuMonitor* monitor, const std::vector<GpuView>& gpus, bool wide) {
-  std::vector<std::string> header = {"GPU",   "Name",     "PCI",     "Driver",  "Temp C", "Mem C",
+  std::vector<std::string> header = {"GPU",    "Name",  "PCI",      "Driver",  "Temp C",  "Mem C",
                                      "Core %", "Mem %", "Core MHz", "Mem MHz", "Power W", "Fans"};
   if (wide) {
     header.insert(header.begin() + 4, {"ID", "Rev", "Bus", "Chip", "Shaders/TMUs/ROPs", "TDP W"});
@@ -141,10 +143,11 @@ std::string render_table(zev::GpuMonitor* monitor, const std::vector<GpuView>& g
         display_name(*gpu)[0] ? display_name(*gpu) : "-",
         view.pci_address.empty() ? "-" : view.pci_address,
         driver_text(gpu),
-        wide ? with_range(gpu->temperatures[0].current, gpu->temperatures[0].min,
-                          gpu->temperatures[0].max)
-             : format_value(gpu->temperatures[0].current, 0),
-        format_value(gpu->temperatures[2].current, 0),
+        wide ? with_range(gpu->temperatures[gpu_record::kCoreTemperature].current,
+                          gpu->temperatures[gpu_record::kCoreTemperature].min,
+                          gpu->temperatures[gpu_record::kCoreTemperature].max)
+             : format_value(gpu->temperatures[gpu_record::kCoreTemperature].current, 0),
+        format_value(gpu->temperatures[gpu_record::kMemoryTemperature].current, 0),
         format_value(gpu->core_usage[0], 0),
         format_value(gpu->memory_usage[0], 0),
         format_value(gpu->core_clock.current, 0),

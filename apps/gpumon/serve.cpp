@@ -51,7 +51,8 @@ class Scraper {
     const auto start = std::chrono::steady_clock::now();
     facts_.success = monitor_->update_dynamic_data();
     read_pcie_throughput();
-    facts_.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    facts_.seconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     return render_metrics(gpu_views(monitor_, slots_, addresses_, ""), facts_);
   }
 

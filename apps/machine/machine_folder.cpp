@@ -60,8 +60,8 @@ bool check_machine_folder(const std::string& dir, std::string* error) {
       assembled = (fs::path(ZEV_ASSEMBLED_MACHINES_DIR) / name).string();
     }
 #endif
-    *error = dir + " lacks the fakes it lists (" + missing + ", ...): the build assembles them; use " +
-             assembled;
+    *error = dir + " lacks the fakes it lists (" + missing +
+             ", ...): the build assembles them; use " + assembled;
     return false;
   }
   return true;

@@ -10,18 +10,20 @@
 #include "backends/drm/drm_entries.h"
 #include "backends/drm/drm_extra_sensors.h"
 #include "backends/drm/drm_sysfs.h"
-#include "gpudb/record_names.h"
+#include "gpudb/gpu_db.h"
+#include "gpudb/vendor_tables.h"
 #include "plugin/gpu_monitor_vorn.h"
+#include "record/record_writes.h"
 
 namespace {
+
+using namespace gpu_record;
 
 // Sensor numbers 1..7 are tried for temp, power and fan inputs (0 never is).
 // A card without a hwmon folder keeps this as its hwmon index: reads of
 // hwmon8 simply fail later.
 constexpr int kNoHwmonIndex = 8;
 constexpr int kMaxSensors = 8;
-
-constexpr unsigned long kVendorNvidia = 0x10DE;
 
 unsigned int hex32(unsigned long v) { return static_cast<unsigned int>(v); }
 
@@ -37,11 +39,11 @@ void read_hwmon_sensors(GpuMonitorVorn* monitor, zev::GPU* gpu, int card, int hw
 
   int mhz = 0;
   if (monitor->linux_drm_read_gpu_core_clock(card, hwmon, &mhz)) {
-    gpu->core_clock.current = static_cast<float>(mhz);
+    store_clock_value(&gpu->core_clock, static_cast<float>(mhz));
     monitor->tracef("  - core clock: %d MHz", mhz);
   }
   if (monitor->linux_drm_read_vram_clock(card, hwmon, &mhz)) {
-    gpu->memory_clock.current = static_cast<float>(mhz);
+    store_clock_value(&gpu->memory_clock, static_cast<float>(mhz));
     monitor->tracef("  - mem clock: %d MHz", mhz);
   }
 
@@ -50,22 +52,18 @@ void read_hwmon_sensors(GpuMonitorVorn* monitor, zev::GPU* gpu, int card, int hw
     int celsius = 0;
     if (!monitor->linux_drm_read_gpu_temperature(card, hwmon, s, &celsius)) continue;
     gpu->drm_temp_input_index = s;
-    gpu->temperatures[0].current = static_cast<float>(celsius);
-    gpu->temperatures[0].update_min_max();
+    store_temperature_reading(gpu, kCoreTemperature, static_cast<float>(celsius));
     monitor->tracef("  - core temperature: %d °C", celsius);
-    gpu->sensor_available[0] = 1;
-    gpu->monitorable = true;
+    mark_readable(gpu, kTemperatureFlag);
     break;
   }
 
-  // The first power input that reads. The reading is in whole watts; the
-  // 0.001 factor of `current` is the one the power dispatch applies too.
+  // The first power input that reads, in whole watts.
   for (int s = 1; s < kMaxSensors; ++s) {
     int watts = 0;
     if (!monitor->linux_drm_read_gpu_power(card, hwmon, s, &watts)) continue;
     gpu->drm_power_index = s;
-    gpu->power.watts = static_cast<float>(watts);
-    gpu->power.current = 0.001f * static_cast<float>(watts);
+    store_power_reading(&gpu->power, static_cast<float>(watts));
     monitor->tracef("  - power: %d W", watts);
     break;
   }
@@ -83,8 +81,7 @@ void read_hwmon_sensors(GpuMonitorVorn* monitor, zev::GPU* gpu, int card, int hw
     for (unsigned long j = 0; j < num_fans; ++j) {
       int rpm = 0;
       if (!monitor->linux_drm_read_gpu_fan_speed(card, hwmon, j + 1, &rpm)) continue;
-      gpu->fans[j].speed_percent = -1.0f;
-      gpu->fans[j].rpm = static_cast<float>(rpm);
+      store_fan_reading(&gpu->fans[j], static_cast<float>(rpm));
       monitor->tracef("    > fan[%d] speed: %d RPM", static_cast<int>(j + 1), rpm);
     }
   }
@@ -92,18 +89,17 @@ void read_hwmon_sensors(GpuMonitorVorn* monitor, zev::GPU* gpu, int card, int hw
 
 // Name, codename, unit counts and TDP from the GPU database. AMD rows may
 // depend on the revision text; the other vendors' lookups ignore it.
-void name_from_database(GpuMonitorVorn* monitor, zev::GPU* gpu, const char* revision_text) {
+void name_from_database(zev::GPU* gpu, const char* revision_text) {
   const int index =
-      static_cast<int>(monitor->gpu_db_get_index_v2(gpu->vendor_id, gpu->device_id, revision_text));
+      static_cast<int>(gpudb::index_of_revision(gpu->vendor_id, gpu->device_id, revision_text));
   if (index < 0) return;
-  gpu_db_copy_names(monitor, gpu, index);
+  gpudb::copy_names(gpu, index);
   // Stored as the database holds them; -1 there means unknown.
-  gpu->num_shader_cores = static_cast<uint32_t>(
-      monitor->gpu_db_get_num_unified_shader_processors(gpu->vendor_id, index));
-  gpu->num_texture_units =
-      static_cast<uint32_t>(monitor->gpu_db_get_num_texture_units(gpu->vendor_id, index));
-  gpu->num_rops = static_cast<uint32_t>(monitor->gpu_db_get_num_rops(gpu->vendor_id, index));
-  gpu->tdp_w = static_cast<uint32_t>(monitor->gpu_db_get_tdp(gpu->vendor_id, index));
+  gpu->num_shader_cores =
+      static_cast<uint32_t>(gpudb::num_unified_shader_processors(gpu->vendor_id, index));
+  gpu->num_texture_units = static_cast<uint32_t>(gpudb::num_texture_units(gpu->vendor_id, index));
+  gpu->num_rops = static_cast<uint32_t>(gpudb::num_rops(gpu->vendor_id, index));
+  gpu->tdp_w = static_cast<uint32_t>(gpudb::tdp(gpu->vendor_id, index));
 }
 
 // The card's hwmon folder: the first hwmon<K> in ascending K whose name
@@ -141,7 +137,7 @@ bool GpuMonitorVorn::linux_drm_init_gpus() {
     if (!linux_drm_gpu_probe(c)) continue;
 
     unsigned long vendor = 0;
-    if (linux_drm_read_vendor_id(c, &vendor) && vendor == kVendorNvidia) {
+    if (linux_drm_read_vendor_id(c, &vendor) && vendor == gpudb_vendor::kNvidia) {
       ++num_nvidia_seen;
       // Already monitored through nvidia-smi or NVML.
       if (num_nv_smi_detected != 0 || num_nvml_detected != 0) continue;
@@ -188,16 +184,15 @@ bool GpuMonitorVorn::linux_drm_init_gpus() {
 
     int usage = 0;
     if (linux_drm_read_gpu_usage(c, &usage)) {
-      gpu->core_usage[0] = static_cast<float>(usage);
+      store_usage_value(gpu->core_usage, static_cast<float>(usage));
       tracef("  - core usage: %d %%", usage);
-      gpu->sensor_available[2] = 1;
-      gpu->monitorable = true;
+      mark_readable(gpu, kUsageFlag);
     }
 
     if (found_hwmon >= 0) read_hwmon_sensors(this, gpu, c, found_hwmon);
     drm_extra::discover(c, found_hwmon, gpu, &drm_extra_sensors[gpu->index], trace_line, this);
 
-    name_from_database(this, gpu, revision_text);
+    name_from_database(gpu, revision_text);
 
     if (gpu->monitorable) ++num_monitorable_gpus;
   }

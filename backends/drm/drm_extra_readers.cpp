@@ -3,8 +3,8 @@
 #include <cstring>
 
 #include "backends/drm/drm_sysfs.h"
+#include "io/text_file.h"
 #include "plugin/gpu_monitor_vorn.h"
-#include "plugin/text_file.h"
 
 namespace drm_extra {
 
@@ -65,8 +65,7 @@ bool read_intel_clock(int card, IntelClock source, int* mhz) {
       actual = "/sys/class/drm/card%d/device/tile0/gt0/freq0/act_freq";
       requested = "/sys/class/drm/card%d/device/tile0/gt0/freq0/cur_freq";
       break;
-    case IntelClock::kNone:
-      return false;
+    case IntelClock::kNone: return false;
   }
   char path[drm_sysfs::kPathSize];
   unsigned long long value = 0;

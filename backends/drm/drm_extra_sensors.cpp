@@ -11,6 +11,7 @@
 #include <initializer_list>
 
 #include "backends/drm/drm_extra_readers.h"
+#include "record/record_writes.h"
 #include "zev/gpu.h"
 
 namespace drm_extra {
@@ -26,7 +27,7 @@ constexpr int kDefaultPwmMax = 255;
 // counter was reset or replaced): no reading.
 constexpr double kMaxPlausibleWatts = 10000.0;
 
-enum Slot { kTemperatureFlag = 0, kUsageFlag = 2, kFanFlag = 3, kPowerFlag = 4, kMemoryTemp = 2 };
+using namespace gpu_record;
 
 class Tracer {
  public:
@@ -49,16 +50,6 @@ int64_t monotonic_ns() {
   timespec now{};
   clock_gettime(CLOCK_MONOTONIC, &now);
   return static_cast<int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec;
-}
-
-void fold(float value, float* min, float* max) {
-  if (*min == -1.0f || *min > value) *min = value;
-  if (*max == -1.0f || *max < value) *max = value;
-}
-
-void mark_readable(zev::GPU* gpu, int flag) {
-  gpu->sensor_available[flag] = 1;
-  gpu->monitorable = true;
 }
 
 // The first temperature input labelled "mem" (amdgpu) or "vram" (xe).
@@ -90,8 +81,8 @@ int find_energy_counter(int card, int hwmon) {
 bool read_power_limit(const CardSensors& s, float* milliwatts) {
   if (s.power_limit == PowerLimit::kNone) return false;
   unsigned long long uw = 0;
-  if (!read_hwmon_named(s.card, s.hwmon, s.power_limit == PowerLimit::kCap ? "power1_cap" : "power1_max",
-                        &uw) ||
+  if (!read_hwmon_named(s.card, s.hwmon,
+                        s.power_limit == PowerLimit::kCap ? "power1_cap" : "power1_max", &uw) ||
       uw == 0)
     return false;
   *milliwatts = static_cast<float>(uw / 1000);
@@ -113,8 +104,7 @@ void discover_hwmon(zev::GPU* gpu, CardSensors* s, const Tracer& trace) {
   s->mem_temp_input = find_memory_temperature(card, hwmon);
   int celsius = 0;
   if (s->mem_temp_input >= 0 && read_hwmon_celsius(card, hwmon, s->mem_temp_input, &celsius)) {
-    gpu->temperatures[kMemoryTemp].current = static_cast<float>(celsius);
-    gpu->temperatures[kMemoryTemp].update_min_max();
+    store_temperature_reading(gpu, kMemoryTemperature, static_cast<float>(celsius));
     trace("  - memory temperature: %d °C", celsius);
     mark_readable(gpu, kTemperatureFlag);
   }
@@ -152,10 +142,7 @@ void discover_hwmon(zev::GPU* gpu, CardSensors* s, const Tracer& trace) {
                      : kDefaultPwmMax;
     int percent = 0;
     if (read_pwm_percent(*s, &percent)) {
-      gpu->num_fans = 1;
-      gpu->fans = new zev::gpuFanSpeed[1];
-      gpu->fans[0].speed_percent = static_cast<float>(percent);
-      gpu->fans[0].rpm = -1.0f;
+      store_fan_percent(single_fan(gpu), static_cast<float>(percent));
       trace("  - num fans: 1");
       trace("    > fan[1] speed: %d %%", percent);
       mark_readable(gpu, kFanFlag);
@@ -183,7 +170,7 @@ void discover(int card, int hwmon, zev::GPU* gpu, CardSensors* s, TraceLine trac
   unsigned long long value = 0;
   if (read_device_unsigned(card, "mem_busy_percent", &value) && value <= 100) {
     s->mem_busy = true;
-    gpu->memory_usage[0] = static_cast<float>(value);
+    store_usage_value(gpu->memory_usage, static_cast<float>(value));
     trace("  - memory usage: %d %%", static_cast<int>(value));
     mark_readable(gpu, kUsageFlag);
   }
@@ -193,7 +180,7 @@ void discover(int card, int hwmon, zev::GPU* gpu, CardSensors* s, TraceLine trac
   }
   if (read_device_unsigned(card, "mem_info_vram_used", &value)) {
     s->vram_used = true;
-    gpu->vram_used_mb = static_cast<int64_t>(value / kBytesPerMiB);
+    store_memory_reading(gpu, static_cast<int64_t>(value / kBytesPerMiB));
     trace("  - VRAM used: %lld MB", static_cast<long long>(gpu->vram_used_mb));
     gpu->monitorable = true;
   }
@@ -204,7 +191,7 @@ void discover(int card, int hwmon, zev::GPU* gpu, CardSensors* s, TraceLine trac
     for (IntelClock source : {IntelClock::kI915, IntelClock::kXe}) {
       if (!read_intel_clock(card, source, &mhz)) continue;
       s->intel_clock = source;
-      gpu->core_clock.current = static_cast<float>(mhz);
+      store_clock_value(&gpu->core_clock, static_cast<float>(mhz));
       trace("  - core clock: %d MHz", mhz);
       gpu->monitorable = true;
       break;
@@ -218,8 +205,7 @@ bool refresh_memory_temperature(const CardSensors& s, zev::GPU* gpu, float* cels
   int value = 0;
   if (s.mem_temp_input < 0 || !read_hwmon_celsius(s.card, s.hwmon, s.mem_temp_input, &value))
     return false;
-  gpu->temperatures[kMemoryTemp].current = static_cast<float>(value);
-  gpu->temperatures[kMemoryTemp].update_min_max();
+  store_temperature_reading(gpu, kMemoryTemperature, static_cast<float>(value));
   if (celsius != nullptr) *celsius = static_cast<float>(value);
   return true;
 }
@@ -228,12 +214,11 @@ bool refresh_memory_usage(const CardSensors& s, zev::GPU* gpu, float* percent) {
   bool read = false;
   unsigned long long value = 0;
   if (s.vram_used && read_device_unsigned(s.card, "mem_info_vram_used", &value)) {
-    gpu->vram_used_mb = static_cast<int64_t>(value / kBytesPerMiB);
+    store_memory_reading(gpu, static_cast<int64_t>(value / kBytesPerMiB));
     read = true;
   }
   if (s.mem_busy && read_device_unsigned(s.card, "mem_busy_percent", &value) && value <= 100) {
-    gpu->memory_usage[0] = static_cast<float>(value);
-    fold(gpu->memory_usage[0], &gpu->memory_usage[1], &gpu->memory_usage[2]);
+    store_usage_reading(gpu->memory_usage, static_cast<float>(value));
     if (percent != nullptr) *percent = gpu->memory_usage[0];
     read = true;
   }
@@ -243,8 +228,7 @@ bool refresh_memory_usage(const CardSensors& s, zev::GPU* gpu, float* percent) {
 bool refresh_intel_clock(const CardSensors& s, zev::GPU* gpu, float* mhz) {
   int value = 0;
   if (!read_intel_clock(s.card, s.intel_clock, &value)) return false;
-  gpu->core_clock.current = static_cast<float>(value);
-  fold(gpu->core_clock.current, &gpu->core_clock.min, &gpu->core_clock.max);
+  store_clock_reading(&gpu->core_clock, static_cast<float>(value));
   if (mhz != nullptr) *mhz = gpu->core_clock.current;
   return true;
 }
@@ -254,7 +238,8 @@ bool refresh_power(CardSensors* s, zev::GPU* gpu, float* watts) {
   if (read_power_limit(*s, &limit_mw)) gpu->power.enforced_limit = limit_mw;
 
   unsigned long long uj = 0;
-  if (s->energy_input < 0 || !read_hwmon_unsigned(s->card, s->hwmon, "energy", s->energy_input, "input", &uj))
+  if (s->energy_input < 0 ||
+      !read_hwmon_unsigned(s->card, s->hwmon, "energy", s->energy_input, "input", &uj))
     return false;
   const int64_t now = monotonic_ns();
   const bool had_previous = s->energy_primed;
@@ -267,20 +252,19 @@ bool refresh_power(CardSensors* s, zev::GPU* gpu, float* watts) {
   // A counter that went backwards or wrapped gives no reading; the next
   // refresh measures from here.
   if (!had_previous || uj < previous_uj) return false;
-  const double average = static_cast<double>(uj - previous_uj) / 1e6 / (static_cast<double>(elapsed_ns) / 1e9);
+  const double average =
+      static_cast<double>(uj - previous_uj) / 1e6 / (static_cast<double>(elapsed_ns) / 1e9);
   if (average > kMaxPlausibleWatts) return false;
   // Stored as the DRM power path stores watts.
-  gpu->power.watts = static_cast<float>(average);
-  gpu->power.current = 0.001f * gpu->power.watts;
-  if (watts != nullptr) *watts = gpu->power.current;
+  const float current = store_power_reading(&gpu->power, static_cast<float>(average));
+  if (watts != nullptr) *watts = current;
   return true;
 }
 
 bool refresh_pwm_fan(const CardSensors& s, zev::GPU* gpu) {
   int percent = 0;
   if (gpu->fans == nullptr || gpu->num_fans == 0 || !read_pwm_percent(s, &percent)) return false;
-  gpu->fans[0].speed_percent = static_cast<float>(percent);
-  gpu->fans[0].rpm = -1.0f;
+  store_fan_percent(&gpu->fans[0], static_cast<float>(percent));
   return true;
 }
 

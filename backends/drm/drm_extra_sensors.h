@@ -30,14 +30,14 @@ enum class PowerLimit : uint8_t { kNone, kCap, kMax };
 
 struct CardSensors {
   int card = -1;
-  int hwmon = -1;                // -1: the card has no hwmon folder
-  int mem_temp_input = -1;       // temp<i>_input of the memory
-  bool mem_busy = false;         // device/mem_busy_percent reads
-  bool vram_used = false;        // device/mem_info_vram_used reads
+  int hwmon = -1;           // -1: the card has no hwmon folder
+  int mem_temp_input = -1;  // temp<i>_input of the memory
+  bool mem_busy = false;    // device/mem_busy_percent reads
+  bool vram_used = false;   // device/mem_info_vram_used reads
   IntelClock intel_clock = IntelClock::kNone;
   PowerLimit power_limit = PowerLimit::kNone;
-  int energy_input = -1;         // energy<i>_input giving power (no power input reads)
-  int pwm_max = 0;               // > 0: fan duty from pwm1 against this maximum
+  int energy_input = -1;  // energy<i>_input giving power (no power input reads)
+  int pwm_max = 0;        // > 0: fan duty from pwm1 against this maximum
 
   // The energy counter's previous reading, for the power between two readings.
   bool energy_primed = false;

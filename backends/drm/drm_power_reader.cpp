@@ -20,12 +20,14 @@ bool GpuMonitorVorn::linux_drm_read_gpu_power(unsigned long card, unsigned long 
 
   drm_sysfs::format_path(path, "/sys/class/drm/card%d/device/hwmon/hwmon%d/power%d_input",
                          as_path_number(card), as_path_number(hwmon), as_path_number(sensor));
-  if (drm_sysfs::read_first_line(path, line, sizeof line)) microwatts = std::strtoll(line, nullptr, 10);
+  if (drm_sysfs::read_first_line(path, line, sizeof line))
+    microwatts = std::strtoll(line, nullptr, 10);
 
   if (microwatts < 1) {
     drm_sysfs::format_path(path, "/sys/class/drm/card%d/device/hwmon/hwmon%d/power%d_average",
                            as_path_number(card), as_path_number(hwmon), as_path_number(sensor));
-    if (drm_sysfs::read_first_line(path, line, sizeof line)) microwatts = std::strtoll(line, nullptr, 10);
+    if (drm_sysfs::read_first_line(path, line, sizeof line))
+      microwatts = std::strtoll(line, nullptr, 10);
   }
 
   // An input reading 0 with no average file is a valid 0 W.

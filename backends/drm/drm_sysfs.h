@@ -5,21 +5,18 @@
 // calls.
 #pragma once
 
+#include "io/sysfs_path.h"
+
 namespace drm_sysfs {
 
-// Paths are built in a cleared buffer of this size.
-constexpr int kPathSize = 128;
+using sysfs_path::as_path_number;
+using sysfs_path::format_path;
+using sysfs_path::kPathSize;
+
 // First lines of value files are read into a cleared buffer of this size.
 constexpr int kLineSize = 256;
 // The hwmon "name" file and the vendor probe read at most 127 characters.
 constexpr int kShortLineSize = 128;
-
-// Card, hwmon and sensor numbers are printed as decimal ints, so a number
-// that does not fit an int prints as whatever the conversion gives.
-inline int as_path_number(unsigned long n) { return static_cast<int>(n); }
-
-// Builds a path into a cleared buffer of kPathSize bytes.
-void format_path(char* path, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
 // Opens `path` for reading and reads its first line (at most size - 1
 // characters, with its newline) into `line`, which is cleared first. False

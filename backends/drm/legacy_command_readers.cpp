@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "plugin/command_pipe.h"
+#include "io/command_pipe.h"
 #include "plugin/gpu_monitor_vorn.h"
 
 namespace {
@@ -134,8 +134,7 @@ bool GpuMonitorVorn::linux_amd_gpu_get_bios_string(unsigned long adapter, char* 
   if (text == nullptr) return false;
   char command[kWideLine];
   std::snprintf(command, sizeof command,
-                "cat /proc/ati/%lu/biosversion | grep BIOS_PN | grep -Po '(?<=\")[^\"]*'",
-                adapter);
+                "cat /proc/ati/%lu/biosversion | grep BIOS_PN | grep -Po '(?<=\")[^\"]*'", adapter);
   char line[kNarrowLine];
   if (first_line_of(command, line, kNarrowLine) != PipeAnswer::kLine) return false;
   copy_text(text, kNarrowLine, line);

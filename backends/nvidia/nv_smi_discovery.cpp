@@ -5,11 +5,11 @@
 
 #include "backends/nvidia/nvidia_discovery_common.h"
 #include "plugin/gpu_monitor_vorn.h"
+#include "record/record_writes.h"
 
 namespace {
 
-constexpr int kSensorTemperature = 0;
-constexpr int kSensorUsage = 2;
+using namespace gpu_record;
 
 void describe_gpu(GpuMonitorVorn* monitor, zev::GPU* gpu, unsigned long i) {
   char text[128];
@@ -62,40 +62,39 @@ void describe_gpu(GpuMonitorVorn* monitor, zev::GPU* gpu, unsigned long i) {
 void read_sensors(GpuMonitorVorn* monitor, zev::GPU* gpu, unsigned long i) {
   int value = 0;
   if (monitor->linux_nv_smi_read_gpu_usage(i, &value)) {
-    gpu->core_usage[0] = static_cast<float>(value);
+    store_usage_value(gpu->core_usage, static_cast<float>(value));
     monitor->tracef("  - core usage: %d %%", value);
-    gpu->sensor_available[kSensorUsage] = 1;
-    gpu->monitorable = true;
+    mark_readable(gpu, kUsageFlag);
   }
   if (monitor->linux_nv_smi_read_vram_usage(i, &value)) {
-    gpu->memory_usage[0] = static_cast<float>(value);
+    store_usage_value(gpu->memory_usage, static_cast<float>(value));
     monitor->tracef("  - mem usage: %d %%", value);
   }
   if (monitor->linux_nv_smi_read_gpu_temperature(i, &value)) {
-    gpu->temperatures[0].current = static_cast<float>(value);
-    gpu->temperatures[0].update_min_max();
-    monitor->tracef("  - core temperature: %d \xC2\xB0" "C", value);
-    gpu->sensor_available[kSensorTemperature] = 1;
-    gpu->monitorable = true;
+    store_temperature_reading(gpu, kCoreTemperature, static_cast<float>(value));
+    monitor->tracef(
+        "  - core temperature: %d \xC2\xB0"
+        "C",
+        value);
+    mark_readable(gpu, kTemperatureFlag);
   }
   if (monitor->linux_nv_smi_read_vram_temperature(i, &value)) {
-    gpu->temperatures[2].current = static_cast<float>(value);
-    gpu->temperatures[2].update_min_max();
-    monitor->tracef("  - mem temperature: %d \xC2\xB0" "C", value);
+    store_temperature_reading(gpu, kMemoryTemperature, static_cast<float>(value));
+    monitor->tracef(
+        "  - mem temperature: %d \xC2\xB0"
+        "C",
+        value);
   }
-  // Whole watts; `current` keeps a thousandth of them on this path (the
-  // NVML path keeps milliwatts there).
   if (monitor->linux_nv_smi_read_gpu_power(i, &value)) {
-    gpu->power.watts = static_cast<float>(value);
-    gpu->power.current = 0.001f * static_cast<float>(value);
+    store_power_reading(&gpu->power, static_cast<float>(value));
     monitor->tracef("  - power: %d W", value);
   }
   if (monitor->linux_nv_smi_read_gpu_core_clock(i, &value)) {
-    gpu->core_clock.current = static_cast<float>(value);
+    store_clock_value(&gpu->core_clock, static_cast<float>(value));
     monitor->tracef("  - core clock: %d MHz", value);
   }
   if (monitor->linux_nv_smi_read_vram_clock(i, &value)) {
-    gpu->memory_clock.current = static_cast<float>(value);
+    store_clock_value(&gpu->memory_clock, static_cast<float>(value));
     monitor->tracef("  - mem clock: %d MHz", value);
   }
   // The fan and the video memory in use, which the first design read from
@@ -123,7 +122,7 @@ bool GpuMonitorVorn::linux_nv_smi_init_gpus() {
 
     describe_gpu(this, gpu, i);
     read_sensors(this, gpu, i);
-    nvidia_name_from_database(this, gpu, ShaderCountSource::kDatabaseAlways);
+    nvidia_name_from_database(gpu, ShaderCountSource::kDatabaseAlways);
     nvidia_check_rop_count(this, gpu, i);
     if (gpu->monitorable) ++num_monitorable_gpus;
   }

@@ -1,21 +1,14 @@
 // nvidia-smi readers: one nvidia-smi process per value, through popen, each
 // answering one line of CSV. The command lines are fixed; only the GPU index
-// (a number) is put into them.
-//
-// Numeric answers are converted with atoi (a fraction is dropped, units
-// printed where none were asked are ignored). An answer that stands for "no
-// value" is no reading: the reader fails and the record keeps what it had.
-// nvidia-smi prints such answers in brackets ("[N/A]", "[Not Supported]",
-// "[Unknown Error]", "[Insufficient Permissions]", ...) or as a bare "N/A",
-// and the first design read them as 0 through atoi: 0 % usage on a GPU in
-// MIG mode, a fan at 0 on a board without one. The memory temperature's own
-// rule (an answer beginning with N is none) stays as it was.
+// (a number) is put into them. Each reader fetches its answer here and
+// parses it with nv_smi_answers.h.
 #include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
-#include "plugin/command_pipe.h"
+#include "backends/nvidia/nv_smi_answers.h"
+#include "io/command_pipe.h"
 #include "plugin/gpu_monitor_vorn.h"
 
 namespace {
@@ -37,34 +30,13 @@ void format_query(char (&command)[128], unsigned long index, const char* field,
 constexpr const char* kCsv = "csv,noheader";
 constexpr const char* kCsvNoUnits = "csv,noheader,nounits";
 
-// Whether an answer line (newline and all) stands for "no value": empty, a
-// bare "N/A", or anything in brackets.
-bool no_value(const char* line) {
-  while (*line == ' ' || *line == '\t') ++line;
-  return *line == '\0' || *line == '\n' || *line == '\r' || *line == '[' ||
-         std::strncmp(line, "N/A", 3) == 0;
-}
-
-// A number answer: optional blanks, an optional sign, then a digit. Anything
-// else (an error message, a word) is no reading rather than atoi's 0.
-bool is_number(const char* line) {
-  while (*line == ' ' || *line == '\t') ++line;
-  if (*line == '-' || *line == '+') ++line;
-  return std::isdigit(static_cast<unsigned char>(*line)) != 0;
-}
-
 // A text answer without its trailing newline; an empty answer is no answer.
 bool read_text(unsigned long index, const char* field, char* out) {
   if (out == nullptr) return false;
   char command[128];
   format_query(command, index, field, kCsv);
   char line[128];
-  if (run_query(command, line) != PipeAnswer::kLine || no_value(line)) return false;
-  const size_t length = std::strlen(line);
-  if (length > 0 && line[length - 1] == '\n') line[length - 1] = '\0';
-  if (line[0] == '\0') return false;
-  copy_text(out, 128, line);
-  return true;
+  return run_query(command, line) == PipeAnswer::kLine && nv_smi_answer::parse_text(line, out);
 }
 
 // A number without units, read with atoi.
@@ -73,25 +45,17 @@ bool read_number(unsigned long index, const char* field, int* out) {
   char command[128];
   format_query(command, index, field, kCsvNoUnits);
   char line[128];
-  if (run_query(command, line) != PipeAnswer::kLine || !is_number(line)) return false;
-  *out = std::atoi(line);
-  return true;
+  return run_query(command, line) == PipeAnswer::kLine && nv_smi_answer::parse_number(line, out);
 }
 
-// "0x" and eight hex digits: the device (or sub-device) first, the vendor
-// (or sub-vendor) last, as in 0x268410DE.
-bool read_id_pair(GpuMonitorVorn* monitor, unsigned long index, const char* field,
-                  unsigned long* vendor, unsigned long* device) {
+bool read_id_pair(unsigned long index, const char* field, unsigned long* vendor,
+                  unsigned long* device) {
   if (vendor == nullptr && device == nullptr) return false;
   char command[128];
   format_query(command, index, field, kCsv);
   char line[128];
-  if (run_query(command, line) != PipeAnswer::kLine || no_value(line) || std::strlen(line) <= 9) {
-    return false;
-  }
-  if (vendor != nullptr) *vendor = monitor->str_to_hex(line[6], line[7], line[8], line[9]);
-  if (device != nullptr) *device = monitor->str_to_hex(line[2], line[3], line[4], line[5]);
-  return true;
+  return run_query(command, line) == PipeAnswer::kLine &&
+         nv_smi_answer::parse_id_pair(line, vendor, device);
 }
 
 }  // namespace
@@ -106,7 +70,7 @@ bool GpuMonitorVorn::linux_nv_smi_read_num_gpus(unsigned long* count) {
   if (answer == PipeAnswer::kNoProcess) return false;
   // nvidia-smi prints the total once per GPU; the first line is enough. No
   // line at all (no nvidia-smi on the machine) is a count of 0.
-  *count = answer == PipeAnswer::kLine ? static_cast<unsigned long>(std::atoi(line)) : 0;
+  *count = answer == PipeAnswer::kLine ? nv_smi_answer::parse_count(line) : 0;
   return true;
 }
 
@@ -122,29 +86,23 @@ bool GpuMonitorVorn::linux_nv_smi_read_vbios_version(unsigned long index, char* 
   return read_text(index, "vbios_version", version);
 }
 
-bool GpuMonitorVorn::linux_nv_smi_read_gpu_pci_device_id(unsigned long index,
-                                                         unsigned long* vendor,
+bool GpuMonitorVorn::linux_nv_smi_read_gpu_pci_device_id(unsigned long index, unsigned long* vendor,
                                                          unsigned long* device) {
-  return read_id_pair(this, index, "pci.device_id", vendor, device);
+  return read_id_pair(index, "pci.device_id", vendor, device);
 }
 
 bool GpuMonitorVorn::linux_nv_smi_read_gpu_pci_subdevice_id(unsigned long index,
                                                             unsigned long* subvendor,
                                                             unsigned long* subdevice) {
-  return read_id_pair(this, index, "pci.sub_device_id", subvendor, subdevice);
+  return read_id_pair(index, "pci.sub_device_id", subvendor, subdevice);
 }
 
-// "0x" and two hex digits, as in 0x07.
 bool GpuMonitorVorn::linux_nv_smi_read_gpu_pci_bus_id(unsigned long index, unsigned long* bus) {
   if (bus == nullptr) return false;
   char command[128];
   format_query(command, index, "pci.bus", kCsv);
   char line[128];
-  if (run_query(command, line) != PipeAnswer::kLine || no_value(line) || std::strlen(line) <= 3) {
-    return false;
-  }
-  *bus = str_to_hex2(line[2], line[3]);
-  return true;
+  return run_query(command, line) == PipeAnswer::kLine && nv_smi_answer::parse_bus(line, bus);
 }
 
 // A percentage of the fan's maximum speed, not turns a minute.
@@ -177,11 +135,8 @@ bool GpuMonitorVorn::linux_nv_smi_read_vram_temperature(unsigned long index, int
   char command[128];
   format_query(command, index, "temperature.memory", kCsvNoUnits);
   char line[128];
-  if (run_query(command, line) != PipeAnswer::kLine || line[0] == 'N' || !is_number(line)) {
-    return false;
-  }
-  *celsius = std::atoi(line);
-  return true;
+  return run_query(command, line) == PipeAnswer::kLine &&
+         nv_smi_answer::parse_memory_temperature(line, celsius);
 }
 
 // Whole watts: "215.37" reads as 215.

@@ -4,7 +4,8 @@
 
 #include <cstring>
 
-#include "gpudb/record_names.h"
+#include "gpudb/gpu_db.h"
+#include "record/record_writes.h"
 
 namespace {
 
@@ -15,23 +16,22 @@ constexpr int32_t kRopCheckCode = 432;
 
 }  // namespace
 
-void nvidia_name_from_database(GpuMonitorVorn* monitor, zev::GPU* gpu, ShaderCountSource shaders) {
-  const int index = static_cast<int>(monitor->gpu_db_get_index(gpu->vendor_id, gpu->device_id));
+void nvidia_name_from_database(zev::GPU* gpu, ShaderCountSource shaders) {
+  const int index = static_cast<int>(gpudb::index_of(gpu->vendor_id, gpu->device_id));
   if (index < 0) return;
 
-  gpu_db_copy_names(monitor, gpu, index);
+  gpudb::copy_names(gpu, index);
 
   // Counts are stored as the database holds them; -1 there means unknown.
-  gpu->db_num_shader_cores = static_cast<uint32_t>(
-      monitor->gpu_db_get_num_unified_shader_processors(gpu->vendor_id, index));
+  gpu->db_num_shader_cores =
+      static_cast<uint32_t>(gpudb::num_unified_shader_processors(gpu->vendor_id, index));
   if (shaders == ShaderCountSource::kDatabaseAlways || gpu->num_shader_cores == 0) {
     gpu->num_shader_cores = gpu->db_num_shader_cores;
   }
-  gpu->num_texture_units =
-      static_cast<uint32_t>(monitor->gpu_db_get_num_texture_units(gpu->vendor_id, index));
-  gpu->db_num_rops = static_cast<uint32_t>(monitor->gpu_db_get_num_rops(gpu->vendor_id, index));
+  gpu->num_texture_units = static_cast<uint32_t>(gpudb::num_texture_units(gpu->vendor_id, index));
+  gpu->db_num_rops = static_cast<uint32_t>(gpudb::num_rops(gpu->vendor_id, index));
   gpu->num_rops = gpu->db_num_rops;
-  gpu->tdp_w = static_cast<uint32_t>(monitor->gpu_db_get_tdp(gpu->vendor_id, index));
+  gpu->tdp_w = static_cast<uint32_t>(gpudb::tdp(gpu->vendor_id, index));
 }
 
 void nvidia_check_rop_count(GpuMonitorVorn* monitor, zev::GPU* gpu, unsigned long index) {
@@ -56,8 +56,6 @@ void nvidia_release_if_unlisted(GpuMonitorVorn* monitor, zev::GPU* gpu) {
   for (unsigned long i = 0; i < GpuMonitorVorn::kMaxGpus; ++i) {
     if (monitor->gpus[i] == gpu || monitor->nvml_gpus[i] == gpu) return;
   }
-  delete[] gpu->process_utilization;
-  delete[] gpu->perf_levels;
-  delete[] gpu->fans;
+  gpu_record::free_record_arrays(gpu);
   delete gpu;
 }

@@ -14,7 +14,7 @@ enum class ShaderCountSource {
 // Database naming: name and codename (the database's win over the
 // driver's), shader, texture-unit and ROP counts, TDP. An unknown device
 // leaves the record untouched.
-void nvidia_name_from_database(GpuMonitorVorn* monitor, zev::GPU* gpu, ShaderCountSource shaders);
+void nvidia_name_from_database(zev::GPU* gpu, ShaderCountSource shaders);
 
 // Asks the driver for the ROP count of device `index` and traces the result;
 // a count from the driver replaces the database's in num_rops.

@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "plugin/command_pipe.h"
+#include "io/command_pipe.h"
 #include "plugin/gpu_monitor_vorn.h"
 
 namespace {
@@ -83,8 +83,7 @@ bool GpuMonitorVorn::linux_nvidia_gpu_get_usages(unsigned long index, float* gpu
   int memory = 0;
   int video = 0;
   int pcie = 0;
-  std::sscanf(line, "graphics=%d, memory=%d, video=%d, PCIe=%d", &graphics, &memory, &video,
-              &pcie);
+  std::sscanf(line, "graphics=%d, memory=%d, video=%d, PCIe=%d", &graphics, &memory, &video, &pcie);
   // An idle GPU (0 %) stores nothing and still counts as read.
   if (graphics >= 1 && gpu_usage != nullptr) *gpu_usage = static_cast<float>(graphics);
   if (memory > 0 && memory_usage != nullptr) *memory_usage = static_cast<float>(memory);
@@ -95,8 +94,8 @@ bool GpuMonitorVorn::linux_nvidia_is_sensor_available(unsigned long, const char*
   if (name == nullptr || !is_attribute_name(name)) return false;
   char command[256];
   std::memset(command, 0, sizeof command);
-  const int length = std::snprintf(command, sizeof command, "nvidia-settings -q all | grep %s",
-                                   name);
+  const int length =
+      std::snprintf(command, sizeof command, "nvidia-settings -q all | grep %s", name);
   if (length < 0 || static_cast<size_t>(length) >= sizeof command) return false;
   FILE* pipe = popen(command, "r");
   if (pipe == nullptr) return false;

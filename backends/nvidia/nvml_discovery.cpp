@@ -11,18 +11,11 @@
 #include "backends/nvidia/nvidia_discovery_common.h"
 #include "backends/nvidia/nvml_binding.h"
 #include "plugin/gpu_monitor_vorn.h"
+#include "record/record_writes.h"
 
 namespace {
 
-// Sensor flags of zev::GPU::sensor_available.
-constexpr int kSensorTemperature = 0;
-constexpr int kSensorUsage = 2;
-constexpr int kSensorFan = 3;
-constexpr int kSensorPower = 4;
-
-// nvml_raw slots.
-constexpr int kRawFanPercent = 0;
-constexpr int kRawPowerMilliwatts = 4;
+using namespace gpu_record;
 
 // NVML architecture numbers 2..10; 0, 1, the unused 11 and 12, and anything
 // newer have no name here.
@@ -92,9 +85,8 @@ void read_temperatures(zev::GPU* gpu, nvml::Device device) {
   unsigned int celsius = 0;
   if (nvml_call(api.nvmlDeviceGetTemperature, device, nvml::kTemperatureGpu, &celsius) ==
       nvml::kSuccess) {
-    gpu->sensor_available[kSensorTemperature] = 1;
-    gpu->temperatures[0].current = static_cast<float>(celsius);
-    gpu->temperatures[0].update_min_max();
+    gpu->sensor_available[kTemperatureFlag] = 1;
+    store_temperature_reading(gpu, kCoreTemperature, static_cast<float>(celsius));
   }
   const nvml::TemperatureThresholds types[3] = {nvml::kThresholdShutdown, nvml::kThresholdSlowdown,
                                                 nvml::kThresholdGpuMax};
@@ -131,7 +123,7 @@ void read_fans(zev::GPU* gpu, nvml::Device device) {
       // too, not only the _v2 name, which no real library exports.
       nvml_read_fan_rpm(device, f, &gpu->fans[f].rpm);
     }
-    gpu->sensor_available[kSensorFan] = 1;
+    gpu->sensor_available[kFanFlag] = 1;
     return;
   }
 
@@ -139,10 +131,8 @@ void read_fans(zev::GPU* gpu, nvml::Device device) {
   if (nvml_call(api.nvmlDeviceGetFanSpeed, device, &percent) != nvml::kSuccess) return;
   gpu->nvml_raw[kRawFanPercent] = static_cast<int32_t>(percent);
   if (gpu->fans == nullptr) {
-    gpu->num_fans = 1;
-    gpu->fans = new zev::gpuFanSpeed[1];
-    gpu->fans[0].speed_percent = static_cast<float>(percent);
-    gpu->sensor_available[kSensorFan] = 1;
+    store_fan_percent(single_fan(gpu), static_cast<float>(percent));
+    gpu->sensor_available[kFanFlag] = 1;
   }
 }
 
@@ -160,9 +150,9 @@ void read_clocks(zev::GPU* gpu, nvml::Device device) {
   unsigned int current = 0;
   nvml_call(api.nvmlDeviceGetClock, device, nvml::kClockGraphics, nvml::kClockIdCurrent, &current);
   nvml_call(api.nvmlDeviceGetClock, device, nvml::kClockSm, nvml::kClockIdCurrent, &current);
-  gpu->core_clock.current = static_cast<float>(current);
+  store_clock_value(&gpu->core_clock, static_cast<float>(current));
   nvml_call(api.nvmlDeviceGetClock, device, nvml::kClockMem, nvml::kClockIdCurrent, &current);
-  gpu->memory_clock.current = static_cast<float>(current);
+  store_clock_value(&gpu->memory_clock, static_cast<float>(current));
 }
 
 // Utilization, power, energy and the power limits.
@@ -174,22 +164,19 @@ void read_load_and_power(zev::GPU* gpu, nvml::Device device) {
   if (nvml_call(api.nvmlDeviceGetUtilizationRates, device, &utilization) == nvml::kSuccess) {
     gpu->nvml_gpu_utilization = static_cast<int32_t>(utilization.gpu);
     gpu->nvml_memory_utilization = static_cast<int32_t>(utilization.memory);
-    gpu->core_usage[0] = static_cast<float>(utilization.gpu);
-    gpu->memory_usage[0] = static_cast<float>(utilization.memory);
-    gpu->sensor_available[kSensorUsage] = 1;
+    store_usage_value(gpu->core_usage, static_cast<float>(utilization.gpu));
+    store_usage_value(gpu->memory_usage, static_cast<float>(utilization.memory));
+    gpu->sensor_available[kUsageFlag] = 1;
   }
 
   unsigned int milliwatts = 0;
   if (nvml_call(api.nvmlDeviceGetPowerUsage, device, &milliwatts) == nvml::kSuccess) {
-    gpu->nvml_raw[kRawPowerMilliwatts] = static_cast<int32_t>(milliwatts);
-    gpu->power.current = static_cast<float>(milliwatts);
-    gpu->power.watts = static_cast<float>(static_cast<float>(milliwatts) / 1000.0);
-    gpu->sensor_available[kSensorPower] = 1;
+    store_nvml_power(gpu, milliwatts);
+    gpu->sensor_available[kPowerFlag] = 1;
   }
 
   unsigned long long millijoules = 0;
-  if (nvml_call(api.nvmlDeviceGetTotalEnergyConsumption, device, &millijoules) ==
-      nvml::kSuccess) {
+  if (nvml_call(api.nvmlDeviceGetTotalEnergyConsumption, device, &millijoules) == nvml::kSuccess) {
     gpu->total_energy = static_cast<float>(millijoules);
   }
 
@@ -203,8 +190,8 @@ void read_load_and_power(zev::GPU* gpu, nvml::Device device) {
   }
   unsigned int min_limit = 0;
   unsigned int max_limit = 0;
-  if (nvml_call(api.nvmlDeviceGetPowerManagementLimitConstraints, device, &min_limit,
-                &max_limit) == nvml::kSuccess) {
+  if (nvml_call(api.nvmlDeviceGetPowerManagementLimitConstraints, device, &min_limit, &max_limit) ==
+      nvml::kSuccess) {
     gpu->power.limit_min = static_cast<float>(min_limit);
     gpu->power.limit_max = static_cast<float>(max_limit);
   }
@@ -279,12 +266,12 @@ void add_device(GpuMonitorVorn* monitor, unsigned int index, const char* driver_
     monitor->nvml_update_process_utilization(listed - 1);
   }
 
-  if (gpu->sensor_available[kSensorTemperature] || gpu->sensor_available[kSensorUsage]) {
+  if (gpu->sensor_available[kTemperatureFlag] || gpu->sensor_available[kUsageFlag]) {
     gpu->monitorable = true;
     ++monitor->num_monitorable_gpus;
   }
 
-  nvidia_name_from_database(monitor, gpu, ShaderCountSource::kDriverFirst);
+  nvidia_name_from_database(gpu, ShaderCountSource::kDriverFirst);
   nvidia_check_rop_count(monitor, gpu, index);
   nvidia_release_if_unlisted(monitor, gpu);
 }

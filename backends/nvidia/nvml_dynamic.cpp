@@ -10,6 +10,7 @@
 
 #include "backends/nvidia/nvml_binding.h"
 #include "plugin/gpu_monitor_vorn.h"
+#include "record/record_writes.h"
 
 namespace {
 
@@ -19,12 +20,7 @@ constexpr uint32_t kPcieUnknown = 0xFFFFFFFFu;
 // Fans refreshed at most per GPU.
 constexpr uint64_t kMaxRefreshedFans = 32;
 
-// nvml_raw slots.
-constexpr int kRawFanPercent = 0;
-constexpr int kRawTemperature = 1;
-constexpr int kRawCoreClock = 2;
-constexpr int kRawMemoryClock = 3;
-constexpr int kRawPowerMilliwatts = 4;
+using namespace gpu_record;
 
 // The text of a throttle-reason mask. Masks are compared whole: a GPU held
 // back for two reasons at once (idle and power-capped, 5) is "Unknown".
@@ -42,12 +38,6 @@ const char* throttle_reason_text(unsigned long long mask) {
     case 256: return "Display Clock Setting";
     default: return "Unknown";
   }
-}
-
-void store_power(zev::GPU* gpu, unsigned int milliwatts) {
-  gpu->nvml_raw[kRawPowerMilliwatts] = static_cast<int32_t>(milliwatts);
-  gpu->power.watts = static_cast<float>(milliwatts / 1000.0);
-  gpu->power.current = static_cast<float>(milliwatts);
 }
 
 // Total energy (mJ) or -1.0 when it cannot be read.
@@ -99,8 +89,7 @@ void refresh(zev::GPU* gpu) {
   if (nvml_call(api.nvmlDeviceGetTemperature, device, nvml::kTemperatureGpu, &celsius) ==
       nvml::kSuccess) {
     gpu->nvml_raw[kRawTemperature] = static_cast<int32_t>(celsius);
-    gpu->temperatures[0].current = static_cast<float>(celsius);
-    gpu->temperatures[0].update_min_max();
+    store_temperature_reading(gpu, kCoreTemperature, static_cast<float>(celsius));
   } else {
     gpu->nvml_raw[kRawTemperature] = -1;
   }
@@ -133,17 +122,17 @@ void refresh(zev::GPU* gpu) {
   if (nvml_call(api.nvmlDeviceGetClock, device, nvml::kClockSm, nvml::kClockIdCurrent, &mhz) ==
       nvml::kSuccess) {
     gpu->nvml_raw[kRawCoreClock] = static_cast<int32_t>(mhz);
-    gpu->core_clock.current = static_cast<float>(mhz);
+    store_clock_value(&gpu->core_clock, static_cast<float>(mhz));
   }
   if (nvml_call(api.nvmlDeviceGetClock, device, nvml::kClockMem, nvml::kClockIdCurrent, &mhz) ==
       nvml::kSuccess) {
     gpu->nvml_raw[kRawMemoryClock] = static_cast<int32_t>(mhz);
-    gpu->memory_clock.current = static_cast<float>(mhz);
+    store_clock_value(&gpu->memory_clock, static_cast<float>(mhz));
   }
 
   unsigned int milliwatts = 0;
   if (nvml_call(api.nvmlDeviceGetPowerUsage, device, &milliwatts) == nvml::kSuccess) {
-    store_power(gpu, milliwatts);
+    store_nvml_power(gpu, milliwatts);
   } else {
     gpu->nvml_raw[kRawPowerMilliwatts] = -1;
   }
@@ -156,8 +145,8 @@ void refresh(zev::GPU* gpu) {
   if (nvml_call(api.nvmlDeviceGetUtilizationRates, device, &utilization) == nvml::kSuccess) {
     gpu->nvml_gpu_utilization = static_cast<int32_t>(utilization.gpu);
     gpu->nvml_memory_utilization = static_cast<int32_t>(utilization.memory);
-    gpu->core_usage[0] = static_cast<float>(utilization.gpu);
-    gpu->memory_usage[0] = static_cast<float>(utilization.memory);
+    store_usage_value(gpu->core_usage, static_cast<float>(utilization.gpu));
+    store_usage_value(gpu->memory_usage, static_cast<float>(utilization.memory));
   } else {
     gpu->nvml_gpu_utilization = -1;
     gpu->nvml_memory_utilization = -1;
@@ -167,7 +156,7 @@ void refresh(zev::GPU* gpu) {
   nvml::Memory memory;
   std::memset(&memory, 0, sizeof memory);
   if (nvml_call(api.nvmlDeviceGetMemoryInfo, device, &memory) == nvml::kSuccess) {
-    gpu->vram_used_mb = static_cast<int64_t>(memory.used >> 20);
+    store_memory_reading(gpu, static_cast<int64_t>(memory.used >> 20));
   }
 
   // A mask that cannot be read counts as no reason at all.
@@ -208,7 +197,7 @@ bool GpuMonitorVorn::nvml_update_power_usage(unsigned long index) {
   if (api.nvmlDeviceGetPowerUsage != nullptr) {
     unsigned int milliwatts = 0;
     if (api.nvmlDeviceGetPowerUsage(device, &milliwatts) == nvml::kSuccess) {
-      store_power(gpu, milliwatts);
+      store_nvml_power(gpu, milliwatts);
       gpu->power.update_max_in_test();
     } else {
       gpu->nvml_raw[kRawPowerMilliwatts] = -1;

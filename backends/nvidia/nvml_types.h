@@ -156,8 +156,7 @@ using DeviceGetPcieThroughputFn = Return (*)(Device device, PcieUtilCounter coun
                                              unsigned int* value);
 using DeviceGetThrottleReasonsFn = Return (*)(Device device, unsigned long long* reasons);
 using DeviceGetUtilizationRatesFn = Return (*)(Device device, Utilization* utilization);
-using DeviceGetProcessUtilizationFn = Return (*)(Device device,
-                                                 ProcessUtilizationSample* samples,
+using DeviceGetProcessUtilizationFn = Return (*)(Device device, ProcessUtilizationSample* samples,
                                                  unsigned int* count,
                                                  unsigned long long last_seen_timestamp);
 using DeviceGetPlatformInfoFn = Return (*)(Device device, PlatformInfo* info);

@@ -1,12 +1,17 @@
 // Raspberry Pi discovery: the VideoCore V3D block has no PCI identity, so one
-// record is made from the board model (the monitor's CPU name on a Pi) and a
-// board table, and given first readings of the three Pi readers.
+// record is made from the board model (system information's answer to
+// "which board is this", the CPU name on a Pi) and a board table, and given first readings of the
+// three Pi readers.
 #include <cstring>
 
-#include "backends/rpi/rpi_board.h"
+#include "gpudb/vendor_tables.h"
 #include "plugin/gpu_monitor_vorn.h"
+#include "record/record_writes.h"
+#include "sysinfo/board_model.h"
 
 namespace {
+
+using namespace gpu_record;
 
 struct Board {
   const char* model;
@@ -22,27 +27,17 @@ const Board kBoards[] = {
     {"Raspberry Pi 3", "VideoCore 4", "BCM2837-V3D", -1, -1, -1, -1},
 };
 
-constexpr unsigned long kVendorBroadcom = 0x14E4;
-
 }  // namespace
 
-bool raspberry_pi_model(const char* text) {
-  if (text == nullptr) return false;
-  for (const Board& board : kBoards)
-    if (std::strstr(text, board.model) != nullptr) return true;
-  return false;
-}
-
-bool GpuMonitorVorn::linux_arm64_rpi_init_gpus() {
-  const char* model = get_cpu_name();
-  if (!raspberry_pi_model(model)) return false;
+bool GpuMonitorVorn::linux_arm64_rpi_init_gpus(const char* model) {
+  if (!board_model::raspberry_pi_model(model)) return false;
 
   tracef("Raspberry Pi (arm64) platform: reading GPU info...");
   zev::GPU* gpu = create_gpu();
   tracef("> GPU %d", static_cast<int>(gpu->index));
   gpu->drm_card_index = -1;
   gpu->drm_hwmon_index = -1;
-  gpu->vendor_id = kVendorBroadcom;
+  gpu->vendor_id = gpudb_vendor::kBroadcom;
   tracef("  - vendor ID: %4X (Broadcom)", static_cast<unsigned>(gpu->vendor_id));
 
   for (const Board& board : kBoards) {
@@ -68,11 +63,12 @@ bool GpuMonitorVorn::linux_arm64_rpi_init_gpus() {
 
   float celsius = -1.0f;
   if (linux_arm64_rpi_read_gpu_core_temp(&celsius)) {
-    gpu->temperatures[0].current = celsius;
-    gpu->temperatures[0].update_min_max();
-    tracef("  - GPU temperature: %.1f \xC2\xB0" "C", static_cast<double>(celsius));
-    gpu->sensor_available[0] = 1;
-    gpu->monitorable = true;
+    store_temperature_reading(gpu, kCoreTemperature, celsius);
+    tracef(
+        "  - GPU temperature: %.1f \xC2\xB0"
+        "C",
+        static_cast<double>(celsius));
+    mark_readable(gpu, kTemperatureFlag);
   }
 
   // The first statistics read only primes the previous values; the second
@@ -85,17 +81,16 @@ bool GpuMonitorVorn::linux_arm64_rpi_init_gpus() {
     gpu->rpi_usage_method = 1;
   }
   if (usage >= 0.0f) {
-    gpu->core_usage[0] = usage;
+    store_usage_value(gpu->core_usage, usage);
     tracef("  - core usage (v%d): %.1f %%", gpu->rpi_usage_method, static_cast<double>(usage));
-    gpu->sensor_available[2] = 1;
-    gpu->monitorable = true;
+    mark_readable(gpu, kUsageFlag);
   }
 
   if (gpu->monitorable) ++num_monitorable_gpus;
 
   float mhz = -1.0f;
   if (!linux_arm64_rpi_read_gpu_core_clock(&mhz)) return true;
-  gpu->core_clock.current = mhz;
+  store_clock_value(&gpu->core_clock, mhz);
   tracef("  - core clock: %.1f MHz", static_cast<double>(mhz));
   return true;
 }

@@ -7,9 +7,9 @@
 #include <cstdio>
 #include <cstring>
 
-#include "plugin/command_pipe.h"
+#include "io/command_pipe.h"
+#include "io/text_file.h"
 #include "plugin/gpu_monitor_vorn.h"
-#include "plugin/text_file.h"
 
 namespace {
 

@@ -16,7 +16,8 @@ void copy_text(char* dst, size_t size, const char* src) {
 
 }  // namespace
 
-Plugin::Plugin() : initialized(false), started(false), version_{0, 0, 0}, type_(PLUGIN_TYPE_UNKNOWN) {
+Plugin::Plugin()
+    : initialized(false), started(false), version_{0, 0, 0}, type_(PLUGIN_TYPE_UNKNOWN) {
   name_[0] = '\0';
   description_[0] = '\0';
   author_[0] = '\0';
@@ -25,9 +26,9 @@ Plugin::Plugin() : initialized(false), started(false), version_{0, 0, 0}, type_(
 
 Plugin::~Plugin() = default;
 
-#define ZEV_TRACE_BODY(level)        \
-  va_list args;                      \
-  va_start(args, format);            \
+#define ZEV_TRACE_BODY(level)         \
+  va_list args;                       \
+  va_start(args, format);             \
   trace_vprintf(level, format, args); \
   va_end(args)
 

@@ -21,12 +21,14 @@ const char kGpuLayout[] =
     "revision_text:c16 name:c128 codename:c128 vbios_version:c128 architecture:c32 _:c128 "
     "marketing_name:c128 use_marketing_name:c1 bus_id:i _:i3 num_shader_cores:i "
     "db_num_shader_cores:i _:i2 num_texture_units:i num_rops:i db_num_rops:i tdp_w:i _:c2 _:i "
-    "vram_size_mb:q vram_used_mb:q _:q _:i memory_bus_width:i _:i2 _:c192 _:q _:c512 driver_version:c128 "
+    "vram_size_mb:q vram_used_mb:q _:q _:i memory_bus_width:i _:i2 _:c192 _:q _:c512 "
+    "driver_version:c128 "
     "driver_name:c128 _:c64 _:c64 driver_version_short:c64 _:c128 _:c128 _:q2 temperatures:T9 "
     "sensor_available:c5 core_usage:i3 memory_usage:i3 _:i6 power:P total_energy:i _:i3 boost:B "
     "_:i _:i fans:q num_fans:q core_clock:K memory_clock:K _:K color:V _:q nvml_device:q _:c1 "
     "_:i2 pci_bus_id:c64 _:c32 _:c1 rop_check_code:i _:c32 _:i _:c32 _:i _:c32 _:i6 "
-    "num_multiprocessors:i _:i nvml_num_cores:i _:i cuda_compute_capability:i2 temperature_thresholds:i3 "
+    "num_multiprocessors:i _:i nvml_num_cores:i _:i cuda_compute_capability:i2 "
+    "temperature_thresholds:i3 "
     "pcie_rx_throughput:i pcie_tx_throughput:i throttle_reasons:q throttle_reason_text:c128 "
     "nvml_gpu_utilization:i nvml_memory_utilization:i process_utilization:q "
     "num_process_utilization:i nvml_raw:i5 _:c5 _:i _:i _:i5 _:i9 _:i7 _:q _:c32 _:c128 "
@@ -54,6 +56,7 @@ Type type_of(char code) {
   }
 }
 
+// clang-format off
 #define NAMED_FIELDS(X)                                                                         \
   X(index) X(vendor_id) X(device_id) X(subvendor_id) X(subdevice_id) X(revision_id)             \
   X(revision_text) X(name) X(codename) X(vbios_version) X(architecture) X(marketing_name)       \
@@ -70,6 +73,7 @@ Type type_of(char code) {
   X(drm_temp_input_index) X(drm_power_index) X(rpi_usage_method) X(v3d_last_timestamp)          \
   X(v3d_last_runtime)
 #define OFFSET_OF(field) {#field, offsetof(zev::GPU, field)},
+// clang-format on
 
 TEST(GpuLayout, EveryFieldSitsWhereHostsReadIt) {
   std::map<std::string, size_t> actual = {NAMED_FIELDS(OFFSET_OF)};
@@ -96,13 +100,21 @@ TEST(GpuLayout, EveryFieldSitsWhereHostsReadIt) {
 
 TEST(GpuLayout, SubRecordsHaveTheirWidths) {
   const std::pair<size_t, size_t> checks[] = {
-      {sizeof(zev::gpuTemperature), 12}, {sizeof(zev::gpuPower), 56},
-      {sizeof(zev::gpuBoostv2), 24}, {sizeof(zev::gpuClock), 28}, {sizeof(zev::vec4), 16},
-      {sizeof(zev::gpuFanSpeed), 24}, {sizeof(zev::gpuPerformanceState), 20},
-      {offsetof(zev::gpuPower, current), 8}, {offsetof(zev::gpuPower, limit_min), 16},
-      {offsetof(zev::gpuPower, limit_max), 24}, {offsetof(zev::gpuPower, default_limit), 40},
-      {offsetof(zev::gpuPower, enforced_limit), 44}, {offsetof(zev::gpuPower, watts), 48},
-      {offsetof(zev::gpuFanSpeed, rpm), 12}, {offsetof(zev::gpuClock, reported_max_clock), 16},
+      {sizeof(zev::gpuTemperature), 12},
+      {sizeof(zev::gpuPower), 56},
+      {sizeof(zev::gpuBoostv2), 24},
+      {sizeof(zev::gpuClock), 28},
+      {sizeof(zev::vec4), 16},
+      {sizeof(zev::gpuFanSpeed), 24},
+      {sizeof(zev::gpuPerformanceState), 20},
+      {offsetof(zev::gpuPower, current), 8},
+      {offsetof(zev::gpuPower, limit_min), 16},
+      {offsetof(zev::gpuPower, limit_max), 24},
+      {offsetof(zev::gpuPower, default_limit), 40},
+      {offsetof(zev::gpuPower, enforced_limit), 44},
+      {offsetof(zev::gpuPower, watts), 48},
+      {offsetof(zev::gpuFanSpeed, rpm), 12},
+      {offsetof(zev::gpuClock, reported_max_clock), 16},
       {offsetof(zev::gpuClock, max_clock), 24},
       {offsetof(zev::gpuProcessUtilization, process_name), 4},
       {offsetof(zev::gpuProcessUtilization, timestamp), 1288},
@@ -123,6 +135,7 @@ long slot_of(F member) {
   return (words[0] & 1) == 0 ? -1 : (words[0] - 1) / static_cast<long>(sizeof(void*)) + 1;
 }
 
+// clang-format off
 #define SLOT_ORDER(X)                                                                           \
   X(tracef) X(tracef_warning) X(tracef_error) X(tracef_debug) X(initialize) X(terminate)        \
   X(start) X(stop) X(update_dynamic_data) X(update_dynamic_data_rt) X(start_update_thread)      \
@@ -149,6 +162,7 @@ long slot_of(F member) {
   X(nvml_update_dynamic_data) X(nvml_update_power_usage) X(nvml_update_process_utilization)     \
   X(nvml_get_pcie_throughput) X(get_gpu_v2)
 #define SLOT_OF(name) {#name, slot_of(&GpuMonitorVorn::name)},
+// clang-format on
 
 TEST(ClassSlots, OperationsSitInTheSlotsHostsCall) {
   const std::pair<const char*, long> slots[] = {SLOT_ORDER(SLOT_OF)};

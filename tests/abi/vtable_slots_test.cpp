@@ -82,19 +82,19 @@ TEST_F(VtableSlots, QuerySlotsOnAMachineWithoutGpu) {
   SlotHost& h = *host_;
   ASSERT_TRUE(h.call<bool>(7));
   EXPECT_STREQ(h.call<const char*>(39), "AMD Ryzen 7 7700X 8-Core Processor");  // get_cpu_name
-  EXPECT_EQ(h.call<unsigned long>(40), 4491u);                                // get_cpu_speed_mhz
+  EXPECT_EQ(h.call<unsigned long>(40), 4491u);                                  // get_cpu_speed_mhz
   for (int slot = 41; slot <= 43; ++slot) EXPECT_EQ(h.call<unsigned long>(slot), 0u) << slot;
   EXPECT_STREQ(h.call<const char*>(46), "Linux 6.1.0-26-amd64 64-bit");  // get_os_name
-  EXPECT_EQ(h.call<unsigned long>(29), 0u);                             // get_num_gpus
-  EXPECT_EQ(h.call<void*>(30, 0ul), nullptr);                           // get_gpu
+  EXPECT_EQ(h.call<unsigned long>(29), 0u);                              // get_num_gpus
+  EXPECT_EQ(h.call<void*>(30, 0ul), nullptr);                            // get_gpu
   EXPECT_STREQ(h.call<const char*>(31, 0x10DEul, 0x2B85ul, 0ul), "NVIDIA GeForce RTX 5090");
-  EXPECT_TRUE(h.call<bool>(32));                                     // reset_gpus_sensors
-  EXPECT_EQ(h.call<unsigned long>(80), 0u);                          // nvml_get_num_gpus
-  EXPECT_EQ(h.call<void*>(86, 0x10DEul, 0x2B85ul, -1), nullptr);     // get_gpu_v2
-  EXPECT_FALSE(h.call<bool>(11));         // update_dynamic_data: nothing to refresh
-  EXPECT_FALSE(h.call<bool>(13, 100ul));  // start_update_thread: no GPU, no thread
-  EXPECT_TRUE(h.call<bool>(14));          // stop_update_thread
-  EXPECT_FALSE(h.call<bool>(82));         // nvml_update_dynamic_data
+  EXPECT_TRUE(h.call<bool>(32));                                  // reset_gpus_sensors
+  EXPECT_EQ(h.call<unsigned long>(80), 0u);                       // nvml_get_num_gpus
+  EXPECT_EQ(h.call<void*>(86, 0x10DEul, 0x2B85ul, -1), nullptr);  // get_gpu_v2
+  EXPECT_FALSE(h.call<bool>(11));             // update_dynamic_data: nothing to refresh
+  EXPECT_FALSE(h.call<bool>(13, 100ul));      // start_update_thread: no GPU, no thread
+  EXPECT_TRUE(h.call<bool>(14));              // stop_update_thread
+  EXPECT_FALSE(h.call<bool>(82));             // nvml_update_dynamic_data
   EXPECT_STREQ(h.call<const char*>(47), "");  // opengl_get_vendor before the host fills it
   EXPECT_EQ(h.call<const char*>(53, 0ul), nullptr);
   h.call<void>(17, 10, 20, 640, 480);  // set_viewport, get_viewport
@@ -113,10 +113,10 @@ TEST_F(VtableSlots, UnsupportedSlotsWriteNothing) {
   EXPECT_FALSE(h.call<bool>(33, 0ul, 0.5f));
   EXPECT_FALSE(h.call<bool>(36, 0ul, &level));
   EXPECT_FALSE(h.call<bool>(37, &status));
-  EXPECT_FALSE(h.call<bool>(62, &count));                // rt_get_num_gpus
-  EXPECT_FALSE(h.call<bool>(63, 0ul, name));             // rt_get_gpu_name
+  EXPECT_FALSE(h.call<bool>(62, &count));               // rt_get_num_gpus
+  EXPECT_FALSE(h.call<bool>(63, 0ul, name));            // rt_get_gpu_name
   EXPECT_FALSE(h.call<bool>(78, 0ul, &a, &b, &c, &d));  // rt_get_all_policy_limits
-  EXPECT_FALSE(h.call<bool>(79, 0ul, &t, &u));           // rt_get_cpu_temperature_and_usage
+  EXPECT_FALSE(h.call<bool>(79, 0ul, &t, &u));          // rt_get_cpu_temperature_and_usage
   EXPECT_EQ(level + t + u, 18.0f);
   EXPECT_EQ(status + a + b + c + d, 17);
   EXPECT_EQ(count, 7u);
@@ -131,8 +131,10 @@ TEST_F(VtableSlots, TraceSlotsReachTheHostSink) {
   reinterpret_cast<Trace>(table[4])(object_, "error %c", 'e');
   reinterpret_cast<Trace>(table[5])(object_, "debug %.1f", 1.5);
   const std::vector<std::pair<zev::TraceLevel, std::string>> expected = {
-      {zev::TRACE_INFO, "info 3"}, {zev::TRACE_WARNING, "warning w"},
-      {zev::TRACE_ERROR, "error e"}, {zev::TRACE_DEBUG, "debug 1.5"}};
+      {zev::TRACE_INFO, "info 3"},
+      {zev::TRACE_WARNING, "warning w"},
+      {zev::TRACE_ERROR, "error e"},
+      {zev::TRACE_DEBUG, "debug 1.5"}};
   std::vector<std::pair<zev::TraceLevel, std::string>> seen;
   for (const auto& line : traces_.lines()) seen.emplace_back(line.level, line.text);
   EXPECT_EQ(seen, expected);

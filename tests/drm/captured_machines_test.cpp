@@ -237,9 +237,11 @@ TEST(ManyCards, EveryCardWithItsHwmon) {
     std::vector<int> cards, hwmons;  // -1: none (the record keeps 8)
   };
   const Many cases[] = {
-      {"amd-12-gpu-mining-rig", {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11},
+      {"amd-12-gpu-mining-rig",
+       {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11},
        {2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13}},
-      {"amd-mi300x-8-gpu-server", {0, 1, 9, 17, 25, 33, 41, 49, 57},
+      {"amd-mi300x-8-gpu-server",
+       {0, 1, 9, 17, 25, 33, 41, 49, 57},
        {-1, 12, 13, 14, 15, 16, 17, 18, 19}},
   };
   for (const Many& m : cases) {

@@ -73,11 +73,12 @@ TEST(MachineSequences, InsideRunAFileMovesOnAfterEachRead) {
   EXPECT_EQ(r.out, "52000\n54000\n57000\n");
 
   // A program that reads without a pause still sees its file move on.
-  const machine::RunResult busy = machine::run(
-      testing_support::machine_dir("amd-rdna3-rx7900xtx"),
-      {"sh", "-c", "end=$(($(date +%s) + 2)); while [ $(date +%s) -lt $end ]; do " + cat +
-                       "; done | uniq | head -3 | tr '\\n' ' '"},
-      true);
+  const machine::RunResult busy =
+      machine::run(testing_support::machine_dir("amd-rdna3-rx7900xtx"),
+                   {"sh", "-c",
+                    "end=$(($(date +%s) + 2)); while [ $(date +%s) -lt $end ]; do " + cat +
+                        "; done | uniq | head -3 | tr '\\n' ' '"},
+                   true);
   EXPECT_EQ(busy.out, "52000 54000 57000 ");
 }
 

@@ -29,7 +29,7 @@ TEST_F(GpuDb, IndexByDeviceAndAmdRevision) {
   };
   const Case cases[] = {
       {0x1002, 0x7550, nullptr, "AMD Radeon RX 9070 XT"},  // the first of several rows
-      {0x1002, 0x7550, "c2", "AMD Radeon RX 9070 GRE"},     // hex digits in either case
+      {0x1002, 0x7550, "c2", "AMD Radeon RX 9070 GRE"},    // hex digits in either case
       {0x1002, 0x7550, "C2", "AMD Radeon RX 9070 GRE"},
       {0x1002, 0x7550, "C3", "AMD Radeon RX 9070"},
       {0x1002, 0x7550, "c0", "AMD Radeon RX 9070 XT"},
@@ -40,8 +40,8 @@ TEST_F(GpuDb, IndexByDeviceAndAmdRevision) {
       {0x1002, 0x7422, "C1", "(null)"},  // a row without revision is not found by one
       {0x1002, 0x7422, nullptr, "AMD Radeon Pro W6400"},
       {0x10DE, 0x2B85, "zz", "NVIDIA GeForce RTX 5090"},  // other vendors ignore it
-      {0x1039, 0x0330, nullptr, "(null)"},                 // no index table
-      {0x10DE, 0xFFFFFFFFul, nullptr, "(null)"},           // rows of unknown id never match
+      {0x1039, 0x0330, nullptr, "(null)"},                // no index table
+      {0x10DE, 0xFFFFFFFFul, nullptr, "(null)"},          // rows of unknown id never match
       {0x10DE, static_cast<unsigned long>(-1), nullptr, "(null)"},
   };
   for (const Case& c : cases) {
@@ -160,7 +160,7 @@ TEST_F(GpuDb, BoardMarketingNames) {
 
 // Hex digits are not validated: 'G' is 16, a NUL wraps to a 16-bit value.
 TEST_F(GpuDb, HexDigits) {
-  const std::pair<char, unsigned> digits[] = {{'0', 0}, {'9', 9}, {'a', 10}, {'A', 10},
+  const std::pair<char, unsigned> digits[] = {{'0', 0},  {'9', 9},  {'a', 10}, {'A', 10},
                                               {'f', 15}, {'G', 16}, {'z', 35}, {'\0', 65481}};
   for (const auto& [c, v] : digits) EXPECT_EQ(db_.to_hex(c), v) << static_cast<int>(c);
   EXPECT_EQ(db_.str_to_hex('1', '0', 'd', 'e'), 0x10DEu);
@@ -197,9 +197,10 @@ TEST_F(GpuDb, DeviceIdStrings) {
   const char kGre[] = "PCI\\VEN_1002&DEV_7550&SUBSYS_04151002&REV_C2";
   EXPECT_EQ(name_of(0x1002, db_.gpu_db_get_index_from_device_id_string(kGre, &empty)),
             "AMD Radeon RX 9070 GRE");
-  EXPECT_EQ(std::make_tuple(empty.vendor_id, empty.device_id, empty.subdevice_id,
-                            empty.subvendor_id, empty.revision_id, std::string(empty.revision_text)),
-            std::make_tuple(0x1002ul, 0x7550ul, 0x0415ul, 0x1002ul, 0xC2ul, std::string("C2")));
+  EXPECT_EQ(
+      std::make_tuple(empty.vendor_id, empty.device_id, empty.subdevice_id, empty.subvendor_id,
+                      empty.revision_id, std::string(empty.revision_text)),
+      std::make_tuple(0x1002ul, 0x7550ul, 0x0415ul, 0x1002ul, 0xC2ul, std::string("C2")));
   db_.gpu_db_get_index_from_device_id_string(kGre, &known);
   EXPECT_EQ(std::make_tuple(known.vendor_id, known.device_id, known.revision_id),
             std::make_tuple(0x10DEul, 0x7550ul, 0xA1ul));
@@ -207,7 +208,7 @@ TEST_F(GpuDb, DeviceIdStrings) {
 
   const std::pair<const char*, const char*> lookups[] = {
       {"PCI\\VEN_1002&DEV_7550&SUBSYS_04151002&REV_c2", "(null)"},  // AMD compares exactly
-      {"PCI\\VEN_1002&DEV_7422&REV_C7", "AMD Radeon Pro W6400"},     // row without revision
+      {"PCI\\VEN_1002&DEV_7422&REV_C7", "AMD Radeon Pro W6400"},    // row without revision
       {"PCI\\VEN_10DE&DEV_2B85&SUBSYS_205710DE&REV_A1", "NVIDIA GeForce RTX 5090"},
       {"PCI\\VEN_1039&DEV_0330", "(null)"},
       {"PCI\\VEN_10DE&SUBSYS_16F310DE", "(null)"},
@@ -223,8 +224,8 @@ TEST_F(GpuDb, DeviceIdStrings) {
 
 TEST_F(GpuDb, MangledDeviceIdStringsNeverCrash) {
   std::mt19937 rng(1234);
-  const std::string pieces[] = {"PCI\\", "VEN_", "DEV_", "SUBSYS_", "REV_", "&", "10DE", "1002",
-                                "7550", "C2", "c2", "0", "Z", "\x80"};
+  const std::string pieces[] = {"PCI\\", "VEN_", "DEV_", "SUBSYS_", "REV_", "&", "10DE",
+                                "1002",  "7550", "C2",   "c2",      "0",    "Z", "\x80"};
   for (int n = 0; n < 5000; ++n) {
     std::string s;
     for (int k = static_cast<int>(rng() % 8); k > 0; --k) s += pieces[rng() % 14];

@@ -16,14 +16,10 @@ struct Table {
 };
 
 const Table kTables[] = {
-    {"NVIDIA", GPUDB_TABLE(gpu_db_nvidia)},
-    {"AMD", GPUDB_TABLE(gpu_db_amd)},
-    {"Intel", GPUDB_TABLE(gpu_db_intel)},
-    {"Moore Threads", GPUDB_TABLE(gpu_db_moore_threads)},
-    {"S3", GPUDB_TABLE(gpu_db_s3)},
-    {"VMware", GPUDB_TABLE(gpu_db_vmware)},
-    {"SiS", GPUDB_TABLE(gpu_db_sis)},
-    {"Lisuan", GPUDB_TABLE(gpu_db_lisuan)},
+    {"NVIDIA", GPUDB_TABLE(gpu_db_nvidia)}, {"AMD", GPUDB_TABLE(gpu_db_amd)},
+    {"Intel", GPUDB_TABLE(gpu_db_intel)},   {"Moore Threads", GPUDB_TABLE(gpu_db_moore_threads)},
+    {"S3", GPUDB_TABLE(gpu_db_s3)},         {"VMware", GPUDB_TABLE(gpu_db_vmware)},
+    {"SiS", GPUDB_TABLE(gpu_db_sis)},       {"Lisuan", GPUDB_TABLE(gpu_db_lisuan)},
 };
 
 struct BoardTable {
@@ -51,9 +47,17 @@ struct Row {
 
 Row read_row(const GpuDbTable& t, unsigned long i) {
   const GpuDbRow& r = t.rows[i];
-  return {r.device_id, t.codename(r), t.variant(r), t.adapter_name(r), r.api_level,
-          r.num_unified_shader_processors, r.num_vertex_shaders, r.num_pixel_shaders,
-          r.num_texture_units, r.num_rops, r.tdp};
+  return {r.device_id,
+          t.codename(r),
+          t.variant(r),
+          t.adapter_name(r),
+          r.api_level,
+          r.num_unified_shader_processors,
+          r.num_vertex_shaders,
+          r.num_pixel_shaders,
+          r.num_texture_units,
+          r.num_rops,
+          r.tdp};
 }
 
 // Every value of a row, as text.
@@ -71,19 +75,31 @@ std::string describe(const Row& r) {
 // name must equal them.
 TEST(GpuDbTables, RowsHostsRelyOnAreExact) {
   const std::pair<const Table*, Row> expected[] = {
-      {&kTables[0], {0x2BB1, "GB202", "", "NVIDIA RTX PRO 6000 Blackwell Workstation", 110, 24064, 0, 0, 752, 192, 600}},
-      {&kTables[0], {0x2B85, "GB202-300", "", "NVIDIA GeForce RTX 5090", 110, 21760, 0, 0, 680, 176, 575}},
-      {&kTables[0], {0x2C58, "GB203", "A1", "NVIDIA GeForce RTX 5090 Laptop GPU", 110, 10496, 0, 0, 328, 112, 150}},
-      {&kTables[0], {-1, "GB203", "", "NVIDIA RTX PRO 4500 Blackwell Server Edition", 110, 10496, 0, 0, 328, 112, 160}},
+      {&kTables[0],
+       {0x2BB1, "GB202", "", "NVIDIA RTX PRO 6000 Blackwell Workstation", 110, 24064, 0, 0, 752,
+        192, 600}},
+      {&kTables[0],
+       {0x2B85, "GB202-300", "", "NVIDIA GeForce RTX 5090", 110, 21760, 0, 0, 680, 176, 575}},
+      {&kTables[0],
+       {0x2C58, "GB203", "A1", "NVIDIA GeForce RTX 5090 Laptop GPU", 110, 10496, 0, 0, 328, 112,
+        150}},
+      {&kTables[0],
+       {-1, "GB203", "", "NVIDIA RTX PRO 4500 Blackwell Server Edition", 110, 10496, 0, 0, 328, 112,
+        160}},
       {&kTables[0], {0x06C0, "GF100", "", "NVIDIA GeForce GTX 480", 110, 480, 0, 0, 60, 48, 250}},
       {&kTables[0], {0x0090, "G70", "", "NVIDIA GeForce 7800 GTX", 90, 0, 8, 24, 24, 16, 81}},
       {&kTables[0], {0x0201, "NV20", "", "NVIDIA GeForce3 Ti 200", -1, -1, -1, -1, -1, -1, 0}},
-      {&kTables[1], {0x7551, "Navi 48", "C0", "AMD Radeon AI PRO R9700", 110, 4096, 0, 0, 256, 128, 300}},
+      {&kTables[1],
+       {0x7551, "Navi 48", "C0", "AMD Radeon AI PRO R9700", 110, 4096, 0, 0, 256, 128, 300}},
       {&kTables[1], {0x7422, "Navi 24", "", "AMD Radeon Pro W6400", 110, 768, 0, 0, 48, 32, 50}},
-      {&kTables[2], {0xE20B, "Battlemage BMG-G21", "", "Intel Arc B580", 110, 2560, 0, 0, 160, 80, 190}},
+      {&kTables[2],
+       {0xE20B, "Battlemage BMG-G21", "", "Intel Arc B580", 110, 2560, 0, 0, 160, 80, 190}},
       {&kTables[2], {0x27A6, "GMA 950", "GMA 950", "Intel GMA 950", 90, 0, 0, 4, -1, -1, 0}},
-      {&kTables[3], {0x0201, "Chunxiao", "", "Moore Threads MTT S80", 110, 4096, -1, -1, 256, 256, 255}},
-      {&kTables[4], {0x9042, "Chrome 440/430", "Chrome 440/430", "S3 Graphics Chrome 430/440 Series", 100, 64, 0, 0, 16, 4, 0}},
+      {&kTables[3],
+       {0x0201, "Chunxiao", "", "Moore Threads MTT S80", 110, 4096, -1, -1, 256, 256, 255}},
+      {&kTables[4],
+       {0x9042, "Chrome 440/430", "Chrome 440/430", "S3 Graphics Chrome 430/440 Series", 100, 64, 0,
+        0, 16, 4, 0}},
       {&kTables[5], {0x0405, "", "", "SVGA II Adapter", 100, 0, 0, 0, 0, 0, 0}},
       {&kTables[6], {-1, "X328", "Xabre80", "SiS Xabre 80", -1, 0, 1, 2, -1, -1, 0}},
   };
@@ -149,8 +165,8 @@ TEST(GpuDbTables, EveryTableHoldsTogether) {
                   r.num_texture_units <= r.num_unified_shader_processors)
           << describe(r);
       EXPECT_TRUE(r.tdp >= 0 && r.tdp <= 1500) << describe(r);
-      EXPECT_TRUE(r.api_level == -1 || (r.api_level >= 70 && r.api_level <= 110 &&
-                                        r.api_level % 10 == 0))
+      EXPECT_TRUE(r.api_level == -1 ||
+                  (r.api_level >= 70 && r.api_level <= 110 && r.api_level % 10 == 0))
           << describe(r);
     }
   }

@@ -46,8 +46,8 @@ class Pane {
   Pane(const std::string& command, int width, int height)
       : tmux_("tmux -f /dev/null -L zev-live-" + std::to_string(getpid()) + "-" +
               std::to_string(++panes_) + " ") {
-    started_ = tmux("new-session -d -s live -x " + std::to_string(width) + " -y " + std::to_string(height) +
-         " " + quoted(command + "; echo EXIT=$?; sleep 60"));
+    started_ = tmux("new-session -d -s live -x " + std::to_string(width) + " -y " +
+                    std::to_string(height) + " " + quoted(command + "; echo EXIT=$?; sleep 60"));
   }
   ~Pane() { tmux("kill-server"); }
 
@@ -61,7 +61,9 @@ class Pane {
     return out;
   }
   std::string screen() const { return tmux("capture-pane -p -t live"); }
-  long history_lines() const { return std::stol("0" + tmux("display -p -t live '#{history_size}'")); }
+  long history_lines() const {
+    return std::stol("0" + tmux("display -p -t live '#{history_size}'"));
+  }
   void keys(const std::string& keys) const { tmux("send-keys -t live " + keys); }
   void resize(int width, int height) const {
     tmux("resize-window -t live -x " + std::to_string(width) + " -y " + std::to_string(height));
@@ -120,9 +122,10 @@ TEST(LiveView, TwoGpuMachinesFitEightyByTwentyFour) {
   const Case cases[] = {
       {nvml.dir(),
        "q",
-       {"^>0  NVIDIA GeForce RTX 5090 Founders Edition +0000:01:00.0$", "^ 1  NVIDIA GeForce RTX 4080 SUPER",
-        "TEMP \\[[|]+ +\\] +[0-9]+/92 C", "POWER\\[[|]+ +\\] +[0-9]+/575 W", "^  usage  ",
-        "^  temp   ", "4242 blender +SM  35%  MEM  12%", "5151 Xorg", "HELD "}},
+       {"^>0  NVIDIA GeForce RTX 5090 Founders Edition +0000:01:00.0$",
+        "^ 1  NVIDIA GeForce RTX 4080 SUPER", "TEMP \\[[|]+ +\\] +[0-9]+/92 C",
+        "POWER\\[[|]+ +\\] +[0-9]+/575 W", "^  usage  ", "^  temp   ",
+        "4242 blender +SM  35%  MEM  12%", "5151 Xorg", "HELD "}},
       {machine_dir("amd-multi-card-gaps"),
        "C-c",
        {"^>0  AMD Radeon RX 6600 XT +0000:23:00.0$", "^ 1  AMD Radeon RX 6400 +0000:45:00.0$",

@@ -37,31 +37,42 @@ class Recording : public testing::Test {
   std::string base_;
 };
 
-TEST_F(Recording, ReplaysAsTheMachineItWasRecordedFrom) {
+// DRM from a real capture, a Raspberry Pi (V3D files and vcgencmd), NVIDIA
+// through nvidia-smi, and an energy counter that moves while it runs: each
+// machine a test of its own.
+class RecordingOf : public Recording, public testing::WithParamInterface<std::string> {};
+
+TEST_P(RecordingOf, ReplaysAsTheMachineItWasRecordedFrom) {
   testing_support::allow_preloading();
-  // DRM from a real capture, a Raspberry Pi (V3D files and vcgencmd), NVIDIA
-  // through nvidia-smi, and an energy counter that moves while it runs.
-  for (const std::string& machine :
-       {testing_support::machine_dir("lact-amd-rx7900xtx"), testing_support::machine_dir("rpi5-videocore7"),
-        built_machine("nvidia-rtx5090-rtx4080s-smi"), testing_support::machine_dir("lact-intel-b580")}) {
-    SCOPED_TRACE(machine);
-    const std::string recording = base_ + "/" + fs::path(machine).filename().string();
-    const machine::RunResult r = run_gpumon({"--machine", machine, "--record", recording});
-    ASSERT_EQ(r.exit_code, 0) << r.err;
-    EXPECT_EQ(shown(recording), shown(machine));
-    // Nothing but the monitor's files, the tools' answers and the README.
-    for (const fs::directory_entry& e : fs::directory_iterator(recording)) {
-      const std::string name = e.path().filename().string();
-      EXPECT_TRUE(name == "sys" || name == "proc" || name == "bin" || name == "lib" ||
-                  name == "README.md")
-          << name;
-    }
-    const std::string readme = testing_support::read_file(recording + "/README.md");
-    EXPECT_NE(readme.find("Recorded by `gpumon --record` on "), std::string::npos);
-    EXPECT_EQ(testing_support::read_file(recording + "/proc/cpuinfo").find("Serial"),
-              std::string::npos);
+  const std::string machine = GetParam() == "nvidia-rtx5090-rtx4080s-smi"
+                                  ? built_machine(GetParam())
+                                  : testing_support::machine_dir(GetParam());
+  const std::string recording = base_ + "/" + fs::path(machine).filename().string();
+  const machine::RunResult r = run_gpumon({"--machine", machine, "--record", recording});
+  ASSERT_EQ(r.exit_code, 0) << r.err;
+  EXPECT_EQ(shown(recording), shown(machine));
+  // Nothing but the monitor's files, the tools' answers and the README.
+  for (const fs::directory_entry& e : fs::directory_iterator(recording)) {
+    const std::string name = e.path().filename().string();
+    EXPECT_TRUE(name == "sys" || name == "proc" || name == "bin" || name == "lib" ||
+                name == "README.md")
+        << name;
   }
+  const std::string readme = testing_support::read_file(recording + "/README.md");
+  EXPECT_NE(readme.find("Recorded by `gpumon --record` on "), std::string::npos);
+  EXPECT_EQ(testing_support::read_file(recording + "/proc/cpuinfo").find("Serial"),
+            std::string::npos);
 }
+
+INSTANTIATE_TEST_SUITE_P(Machines, RecordingOf,
+                         testing::Values("lact-amd-rx7900xtx", "rpi5-videocore7",
+                                         "nvidia-rtx5090-rtx4080s-smi", "lact-intel-b580"),
+                         [](const testing::TestParamInfo<std::string>& info) {
+                           std::string name = info.param;
+                           for (char& c : name)
+                             if (c == '-') c = '_';
+                           return name;
+                         });
 
 TEST_F(Recording, RefusesAFolderThatHoldsAnything) {
   fs::create_directories(base_ + "/full");

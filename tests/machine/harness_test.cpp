@@ -46,8 +46,7 @@ TEST(MachineHarness, FilesSitAtTheirRealPathsAndLeaveNoTrace) {
     ASSERT_NE(f, nullptr);
     std::fputs("0x8086\n", f);
     std::fclose(f);
-    EXPECT_EQ(read_file(machine::staged_root() + "/sys/class/drm/card1/device/vendor"),
-              "0x8086\n");
+    EXPECT_EQ(read_file(machine::staged_root() + "/sys/class/drm/card1/device/vendor"), "0x8086\n");
     EXPECT_EQ(read_file(temp.dir() + "/sys/class/drm/card1/device/vendor"), "0x1002\n");
   }
   EXPECT_EQ(read_file("/proc/cpuinfo"), real_cpuinfo);
@@ -75,8 +74,7 @@ TEST(MachineHarness, GpuToolsTheMachineLacksAreNotFound) {
 
 TEST(MachineHarness, MachineToolsComeFirst) {
   TempMachine temp({{"bin/vcgencmd", "#!/bin/sh\necho \"temp=48.3'C\"\n"}}, "desktop-no-gpu");
-  std::filesystem::permissions(temp.dir() + "/bin/vcgencmd",
-                               std::filesystem::perms::owner_all);
+  std::filesystem::permissions(temp.dir() + "/bin/vcgencmd", std::filesystem::perms::owner_all);
   MachineScope scope(temp.dir());
   ASSERT_TRUE(scope.ok()) << scope.error();
   int status = 0;
@@ -93,10 +91,12 @@ TEST(MachineHarness, RefusesWhatItCannotLayOutAndChangesNothing) {
   const std::pair<std::string, std::string> kNoMachines[] = {
       {"/nonexistent/machine", "no machine folder at /nonexistent/machine"},
       {"", "no machine folder given"},
-      {not_a_machine.dir(), "is not a machine folder: it has none of sys/, proc/, dev/, bin/, lib/"},
+      {not_a_machine.dir(),
+       "is not a machine folder: it has none of sys/, proc/, dev/, bin/, lib/"},
       {machine_dir("nvidia-h100-sxm"),
        "lacks the fakes it lists (lib/libcuda.so, ...): the build assembles them; use " +
-           (std::filesystem::path(ZEV_BIN_DIR).parent_path() / "machines/nvidia-h100-sxm").string()},
+           (std::filesystem::path(ZEV_BIN_DIR).parent_path() / "machines/nvidia-h100-sxm")
+               .string()},
   };
   for (const auto& [dir, message] : kNoMachines) {
     EXPECT_FALSE(machine::enter(dir, &error));
@@ -132,10 +132,11 @@ TEST(MachineHarness, AnUnprivilegedUserGetsAPrivateMachineOrARefusal) {
 }
 
 TEST(MachineHarness, RunCapturesAProgramInsideTheMachine) {
-  const machine::RunResult r = machine::run(
-      machine_dir("dual-socket-xeon"),
-      {"/bin/sh", "-c", "grep -c processor /proc/cpuinfo; echo $ZEV_MACHINE; echo oops >&2; exit 4"},
-      true);
+  const machine::RunResult r =
+      machine::run(machine_dir("dual-socket-xeon"),
+                   {"/bin/sh", "-c",
+                    "grep -c processor /proc/cpuinfo; echo $ZEV_MACHINE; echo oops >&2; exit 4"},
+                   true);
   EXPECT_TRUE(r.error.empty()) << r.error;
   EXPECT_EQ(r.exit_code, 4);
   EXPECT_EQ(r.out, "16\ndual-socket-xeon\n");

@@ -335,14 +335,14 @@ TEST(NvidiaGpumon, CapturedNvidiaSmiMachines) {
 TEST(NvidiaGpumon, TheTableShowsTheH100) {
   const Machine machine(kH100);
   testing_support::allow_preloading();
-  const machine::RunResult r =
-      testing_support::run_gpumon({"--machine", machine.dir(), "--wide"});
+  const machine::RunResult r = testing_support::run_gpumon({"--machine", machine.dir(), "--wide"});
   ASSERT_EQ(r.exit_code, 0) << r.err;
   // The values of one refresh; no /sys, so no PCI address, and the bus in hex.
-  EXPECT_NE(r.out.find("NVIDIA H100 80GB HBM3  0000:18:00.0  550.90.07  10DE:2330  -    0x18  GH100  "
-                       "16896/-/24         -      33 (32-33)  -      37      12     1/81559   1755      "
-                       "2619     306      -"),
-            std::string::npos)
+  EXPECT_NE(
+      r.out.find("NVIDIA H100 80GB HBM3  0000:18:00.0  550.90.07  10DE:2330  -    0x18  GH100  "
+                 "16896/-/24         -      33 (32-33)  -      37      12     1/81559   1755      "
+                 "2619     306      -"),
+      std::string::npos)
       << r.out;
 }
 

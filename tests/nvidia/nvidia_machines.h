@@ -38,5 +38,4 @@ class Machine {
 // the case number in the child, which goes on with that case.
 int inside_each(size_t cases, const std::function<Machine(size_t)>& make);
 
-
 }  // namespace nvidia_test

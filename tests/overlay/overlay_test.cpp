@@ -4,9 +4,9 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <cstdio>
 #include <memory>
 #include <nlohmann/json.hpp>
 
@@ -115,7 +115,8 @@ void background_and_bars(int gl) {
       int matches = 0;
       for (int x = 50; x < 350; x += 7) {
         const auto p = o.pixel(image, x, 145);  // between grid lines
-        matches += std::abs(p[0] - 38) <= 3 && std::abs(p[1] - 77) <= 3 && std::abs(p[2] - 115) <= 3;
+        matches +=
+            std::abs(p[0] - 38) <= 3 && std::abs(p[1] - 77) <= 3 && std::abs(p[2] - 115) <= 3;
       }
       EXPECT_GT(matches, 20);
     }
@@ -139,11 +140,32 @@ TEST(OverlayText, EachPathWritesItsLines) {
   };
   const int top = kH - (10 + kH - 20);  // the rectangle's top edge, from the top
   const Path paths[] = {
-      {"simplified", [&] { return o.monitor->draw_gpu_info_simplified(r, h.window(), h.font(), 20, 20, 16); }, 20, 20, 300, 36},
-      {"v2", [&] { return o.monitor->draw_gpu_data_v2(r, 10, 10, kW - 20, kH - 20, h.window(), h.font()); }, 20, top, 300, top + 15},
-      {"v3", [&] { return o.monitor->draw_gpu_data_v3(r, 10, 10, kW - 20, kH - 20, h.font(), h.text_program(), h.text_camera(), 1.0f, 30, 100, 16); }, 30, 100, 300, 116},
-      {"v4", [&] { return o.monitor->draw_gpu_data_v4(r, 10, 10, kW - 20, kH - 20, h.freetype(), h.font(), h.text_program(), h.text_camera(), 1.0f, 30, 100, 18); }, 30, 100, 300, 118},
-      {"v5", [&] { return o.monitor->draw_gpu_data_v5(r, 10, 10, kW - 20, kH - 20, h.font(), h.text_program(), h.text_camera(), 1.0f, 0, 0, 16, true); }, 40, 40, 300, 56},
+      {"simplified",
+       [&] { return o.monitor->draw_gpu_info_simplified(r, h.window(), h.font(), 20, 20, 16); }, 20,
+       20, 300, 36},
+      {"v2",
+       [&] {
+         return o.monitor->draw_gpu_data_v2(r, 10, 10, kW - 20, kH - 20, h.window(), h.font());
+       },
+       20, top, 300, top + 15},
+      {"v3",
+       [&] {
+         return o.monitor->draw_gpu_data_v3(r, 10, 10, kW - 20, kH - 20, h.font(), h.text_program(),
+                                            h.text_camera(), 1.0f, 30, 100, 16);
+       },
+       30, 100, 300, 116},
+      {"v4",
+       [&] {
+         return o.monitor->draw_gpu_data_v4(r, 10, 10, kW - 20, kH - 20, h.freetype(), h.font(),
+                                            h.text_program(), h.text_camera(), 1.0f, 30, 100, 18);
+       },
+       30, 100, 300, 118},
+      {"v5",
+       [&] {
+         return o.monitor->draw_gpu_data_v5(r, 10, 10, kW - 20, kH - 20, h.font(), h.text_program(),
+                                            h.text_camera(), 1.0f, 0, 0, 16, true);
+       },
+       40, 40, 300, 56},
   };
   for (const Path& p : paths) {
     SCOPED_TRACE(p.name);
@@ -239,8 +261,10 @@ void snapshot_matches_the_context(int gl) {
     ASSERT_TRUE(host) << error;
     EXPECT_FALSE(monitor->opengl_init(nullptr, nullptr));
     ASSERT_TRUE(monitor->opengl_init(host->renderer(), host->window()));
-    EXPECT_STREQ(monitor->opengl_get_renderer(), reinterpret_cast<const char*>(glGetString(GL_RENDERER)));
-    EXPECT_STREQ(monitor->opengl_get_version(), reinterpret_cast<const char*>(glGetString(GL_VERSION)));
+    EXPECT_STREQ(monitor->opengl_get_renderer(),
+                 reinterpret_cast<const char*>(glGetString(GL_RENDERER)));
+    EXPECT_STREQ(monitor->opengl_get_version(),
+                 reinterpret_cast<const char*>(glGetString(GL_VERSION)));
     EXPECT_EQ(monitor->opengl_get_version_major(), gl == 2 ? 2 : 4);
     GLint texture = 0, viewport[2] = {0, 0}, extensions = 0;
     glGetIntegerv(GL_MAX_TEXTURE_SIZE, &texture);
@@ -258,10 +282,12 @@ void snapshot_matches_the_context(int gl) {
       glGetIntegerv(GL_NUM_EXTENSIONS, &extensions);
       GLint size[3] = {0, 0, 0};
       for (GLuint i = 0; i < 3; ++i) glGetIntegeri_v(GL_MAX_COMPUTE_WORK_GROUP_SIZE, i, &size[i]);
-      monitor->opengl_get_capability_4i("GL_MAX_COMPUTE_WORK_GROUP_SIZE", &v[0], &v[1], &v[2], &v[3]);
+      monitor->opengl_get_capability_4i("GL_MAX_COMPUTE_WORK_GROUP_SIZE", &v[0], &v[1], &v[2],
+                                        &v[3]);
       EXPECT_EQ(std::vector<int>(v, v + 4), (std::vector<int>{size[0], size[1], size[2], 0}));
       EXPECT_EQ(monitor->opengl_get_num_extensions(), static_cast<unsigned long>(extensions));
-      EXPECT_STREQ(monitor->opengl_get_extension(0), reinterpret_cast<const char*>(glGetStringi(GL_EXTENSIONS, 0)));
+      EXPECT_STREQ(monitor->opengl_get_extension(0),
+                   reinterpret_cast<const char*>(glGetStringi(GL_EXTENSIONS, 0)));
     } else {
       const std::string all = reinterpret_cast<const char*>(glGetString(GL_EXTENSIONS));
       ASSERT_GT(monitor->opengl_get_num_extensions(), 10u);

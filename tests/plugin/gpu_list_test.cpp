@@ -11,13 +11,14 @@ namespace {
 TEST(GpuRecord, NewRecordKnowsNothing) {
   zev::GPU g;
   const float unknown_floats[] = {
-      g.temperatures[0].current, g.temperatures[8].min, g.temperatures[8].max, g.core_usage[0],
-      g.core_usage[2], g.memory_usage[1], g.core_clock.current, g.core_clock.max_clock,
-      g.memory_clock.reported_max_clock, g.power.current, g.power.watts, g.power.enforced_limit};
+      g.temperatures[0].current, g.temperatures[8].min,  g.temperatures[8].max,
+      g.core_usage[0],           g.core_usage[2],        g.memory_usage[1],
+      g.core_clock.current,      g.core_clock.max_clock, g.memory_clock.reported_max_clock,
+      g.power.current,           g.power.watts,          g.power.enforced_limit};
   for (float v : unknown_floats) EXPECT_EQ(v, -1.0f);
-  const int32_t unknown_ints[] = {g.bus_id, g.nvidia_gpu_index, g.drm_card_index,
+  const int32_t unknown_ints[] = {g.bus_id,          g.nvidia_gpu_index,     g.drm_card_index,
                                   g.drm_hwmon_index, g.drm_temp_input_index, g.drm_power_index,
-                                  g.rop_check_code, g.nvml_gpu_utilization, g.nvml_raw[0],
+                                  g.rop_check_code,  g.nvml_gpu_utilization, g.nvml_raw[0],
                                   g.nvml_raw[4]};
   for (int32_t v : unknown_ints) EXPECT_EQ(v, -1);
   EXPECT_EQ(g.total_energy, 0.0f);
@@ -41,8 +42,9 @@ TEST(GpuRecord, TemperatureKeepsARunningMinimumAndMaximum) {
   struct Step {
     float reading, min, max;
   };
-  const Step steps[] = {{-1.0f, -1.0f, -1.0f}, {40.0f, 40.0f, 40.0f}, {35.0f, 35.0f, 40.0f},
-                        {50.0f, 35.0f, 50.0f}, {-5.0f, -5.0f, 50.0f}, {std::nanf(""), -5.0f, 50.0f}};
+  const Step steps[] = {{-1.0f, -1.0f, -1.0f}, {40.0f, 40.0f, 40.0f},
+                        {35.0f, 35.0f, 40.0f}, {50.0f, 35.0f, 50.0f},
+                        {-5.0f, -5.0f, 50.0f}, {std::nanf(""), -5.0f, 50.0f}};
   zev::gpuTemperature t;
   for (const Step& s : steps) {
     t.current = s.reading;
@@ -98,8 +100,9 @@ TEST(GpuRecord, ResetForgetsReadingsWithItsDesignedAsymmetries) {
 
   gpu.reset_sensors();
 
-  const float forgotten[] = {gpu.core_usage[2], gpu.carried_usage[0][0], gpu.core_clock.current,
-                             gpu.temperatures[8].max, gpu.fans[0].speed_percent, gpu.fans[1].rpm};
+  const float forgotten[] = {gpu.core_usage[2],         gpu.carried_usage[0][0],
+                             gpu.core_clock.current,    gpu.temperatures[8].max,
+                             gpu.fans[0].speed_percent, gpu.fans[1].rpm};
   for (float v : forgotten) EXPECT_EQ(v, -1.0f);
   EXPECT_EQ(gpu.carried_usage[0][1], 5.0f) << "only the first value of the third triple";
   EXPECT_EQ(gpu.core_clock.max_clock, 2600.0f);
@@ -199,9 +202,11 @@ TEST_F(GpuLists, LookupsByVendorDeviceAndBus) {
   zev::GPU* b = add(0x1002, 0x744C, 3);
   zev::GPU* c = add(0x10DE, 0x2684, 23);
   monitor_.sort_gpus_by_bus_id();  // slots now: b (3), c (23), a (65)
-  const std::tuple<uint64_t, uint64_t, int, zev::GPU*> by_index[] = {
-      {0x10DE, 0x2684, -1, c}, {0x10DE, 0x2684, 0, a}, {0x10DE, 0x2684, 2, c},
-      {0x10DE, 0x2684, 1, nullptr}, {0x8086, 0x56A0, -1, nullptr}};
+  const std::tuple<uint64_t, uint64_t, int, zev::GPU*> by_index[] = {{0x10DE, 0x2684, -1, c},
+                                                                     {0x10DE, 0x2684, 0, a},
+                                                                     {0x10DE, 0x2684, 2, c},
+                                                                     {0x10DE, 0x2684, 1, nullptr},
+                                                                     {0x8086, 0x56A0, -1, nullptr}};
   for (const auto& [vendor, device, index, gpu] : by_index)
     EXPECT_EQ(monitor_.get_gpu_v2(vendor, device, index), gpu) << index;
   EXPECT_EQ(monitor_.get_gpu_by_devid_and_busid(0x10DE, 0x2684, 65), a);

@@ -53,9 +53,10 @@ TEST_F(Lifecycle, RegistersItsIdentityAndTracesNothingUntilInitialize) {
   char month[4] = {};
   int date[5] = {};
   char tail = 0;
-  EXPECT_EQ(std::sscanf(monitor_->get_build_info(), "BUILD_DATE: [%3s %d %d] - BUILD_TIME: [%d:%d:%d]%c",
-                        month, &date[0], &date[1], &date[2], &date[3], &date[4], &tail),
-            6)
+  EXPECT_EQ(
+      std::sscanf(monitor_->get_build_info(), "BUILD_DATE: [%3s %d %d] - BUILD_TIME: [%d:%d:%d]%c",
+                  month, &date[0], &date[1], &date[2], &date[3], &date[4], &tail),
+      6)
       << monitor_->get_build_info();
   EXPECT_TRUE(traces_.lines().empty());
   EXPECT_FALSE(monitor_->initialized || monitor_->started);

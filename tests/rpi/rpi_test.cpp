@@ -40,15 +40,25 @@ TEST(RaspberryPi, BoardsAreFoundAndFollowedOverRefreshes) {
       {"rpi5-videocore7",
        {"Raspberry Pi (arm64) platform: reading GPU info...", "> GPU 0",
         "  - vendor ID: 14E4 (Broadcom)", "  - name: VideoCore 7 (codename: BCM2712-V3D)",
-        "  - cores: 64", "  - TMUs: 4", "  - GPU temperature: 48.3 \xC2\xB0" "C",
+        "  - cores: 64", "  - TMUs: 4",
+        "  - GPU temperature: 48.3 \xC2\xB0"
+        "C",
         "  - core usage (v2): 0.0 %", "  - core clock: 500.0 MHz"},
-       2, {40, 85, 95}, {51.9f, 57.2f, 61.8f}, 500},
+       2,
+       {40, 85, 95},
+       {51.9f, 57.2f, 61.8f},
+       500},
       {"rpi4-videocore6",
        {"Raspberry Pi (arm64) platform: reading GPU info...", "> GPU 0",
         "  - vendor ID: 14E4 (Broadcom)", "  - name: VideoCore 6 (codename: BCM2711-V3D)",
-        "  - cores: 16", "  - TMUs: 2", "  - GPU temperature: 52.6 \xC2\xB0" "C",
+        "  - cores: 16", "  - TMUs: 2",
+        "  - GPU temperature: 52.6 \xC2\xB0"
+        "C",
         "  - core usage (v1): 0.0 %"},
-       1, {40, 85, 95}, {55.0f, 60.1f, 64.3f}, -1},
+       1,
+       {40, 85, 95},
+       {55.0f, 60.1f, 64.3f},
+       -1},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.machine);
@@ -61,8 +71,9 @@ TEST(RaspberryPi, BoardsAreFoundAndFollowedOverRefreshes) {
     std::vector<std::string> lines = traces.texts();
     auto from = std::find(lines.begin(), lines.end(), c.block[0]);
     ASSERT_NE(from, lines.end());
-    EXPECT_EQ(std::vector<std::string>(from, from + std::min<long>(c.block.size(), lines.end() - from)),
-              c.block);
+    EXPECT_EQ(
+        std::vector<std::string>(from, from + std::min<long>(c.block.size(), lines.end() - from)),
+        c.block);
     ASSERT_EQ(monitor->get_num_gpus(), 1u);
     const zev::GPU* g = monitor->get_gpu(0);
     EXPECT_EQ(g->rpi_usage_method, c.method);
@@ -101,13 +112,15 @@ TEST(RaspberryPiReaders, UsageFromStatisticsAndTheDebugFile) {
   put(kStats, stats(40000000, 6000000, "cache_c\t40000000\t1\t100\ncpu\t40000000\t9\t1\n"));
   m.linux_arm64_rpi_read_gpu_usage_v2(&gpu, &percent);
   EXPECT_EQ(gpu.v3d_last_runtime[4], 100u);
-  put(kStats, stats(50000000, 6000000, "cache_c\t50000000\t1\t7000100\ncpu\t50000000\t9\t9999999\n"));
+  put(kStats,
+      stats(50000000, 6000000, "cache_c\t50000000\t1\t7000100\ncpu\t50000000\t9\t9999999\n"));
   ASSERT_TRUE(m.linux_arm64_rpi_read_gpu_usage_v2(&gpu, &percent));
   EXPECT_FLOAT_EQ(percent, 70.0f);
 
   // Broken files: skipped lines, a clear result, no crash.
   std::string many = "queue\ttimestamp\tjobs\truntime\n";
-  for (int i = 0; i < 10000; ++i) many += "render\t" + std::to_string(60000000 + i) + "\t1\t" + std::to_string(i) + "\n";
+  for (int i = 0; i < 10000; ++i)
+    many += "render\t" + std::to_string(60000000 + i) + "\t1\t" + std::to_string(i) + "\n";
   const std::string broken[] = {
       "render\t99999999999999999999999\t1\t-5\nbin\t-7\t-1\t99999999999999999999\n",
       "render\t10\t1\t5\n",  // the time stamp goes backwards
@@ -125,9 +138,11 @@ TEST(RaspberryPiReaders, UsageFromStatisticsAndTheDebugFile) {
 
   // The debug file: "timestamp;" lines set the time, lines without ';' are skipped.
   zev::GPU old;
-  put(kDebugUsage, "timestamp;1000;\n\"QUEUE\";\"JOBS\";\"RUNTIME\";\"ACTIVE\";\nv3d_render;1;100;0;\n");
+  put(kDebugUsage,
+      "timestamp;1000;\n\"QUEUE\";\"JOBS\";\"RUNTIME\";\"ACTIVE\";\nv3d_render;1;100;0;\n");
   ASSERT_TRUE(m.linux_arm64_rpi_read_gpu_usage_v1(&old, &percent));
-  put(kDebugUsage, "timestamp;2000;\nno semicolon here\nv3d_render;2;350;1;\nv3d_cache_clean;1;;\n");
+  put(kDebugUsage,
+      "timestamp;2000;\nno semicolon here\nv3d_render;2;350;1;\nv3d_cache_clean;1;;\n");
   ASSERT_TRUE(m.linux_arm64_rpi_read_gpu_usage_v1(&old, &percent));
   EXPECT_FLOAT_EQ(percent, 25.0f);
   EXPECT_FALSE(m.linux_arm64_rpi_read_gpu_usage_v1(nullptr, &percent));
@@ -142,11 +157,13 @@ TEST(RaspberryPiReaders, TemperatureAndClockTools) {
       {"echo garbage", -1.0f},
   };
   for (const auto& [script, celsius] : answers) {
-    TempMachine machine({{"bin/vcgencmd", "#!/bin/sh\n" + script + "\n"},
-                         {"sys/kernel/debug/dri/1002000000.v3d/measure_clock", "cycles: 12 (oops)\n"},
-                         {"sequences", ""}},
-                        "rpi5-videocore7");
-    std::filesystem::permissions(machine.dir() + "/bin/vcgencmd", std::filesystem::perms::owner_all);
+    TempMachine machine(
+        {{"bin/vcgencmd", "#!/bin/sh\n" + script + "\n"},
+         {"sys/kernel/debug/dri/1002000000.v3d/measure_clock", "cycles: 12 (oops)\n"},
+         {"sequences", ""}},
+        "rpi5-videocore7");
+    std::filesystem::permissions(machine.dir() + "/bin/vcgencmd",
+                                 std::filesystem::perms::owner_all);
     MachineScope scope(machine.dir());
     ASSERT_TRUE(scope.ok()) << scope.error();
     GpuMonitorVorn m;

@@ -41,7 +41,8 @@ struct Hostile {
     sender = std::thread([this] {
       for (size_t at = 0; !done; at = (at + 1) % trickle.size()) {
         for (int fd : fds) send(fd, &trickle[at], 1, MSG_NOSIGNAL | MSG_DONTWAIT);
-        for (int i = 0; i < 20 && !done; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        for (int i = 0; i < 20 && !done; ++i)
+          std::this_thread::sleep_for(std::chrono::milliseconds(10));
       }
     });
   }
@@ -70,7 +71,8 @@ void send_on_each(Hostile* h, const std::string& bytes) {
 bool closed_by_server(int fd, Clock::time_point deadline) {
   char buffer[65536];
   for (;;) {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
     struct pollfd wait_for = {fd, POLLIN, 0};
     if (left.count() <= 0 || poll(&wait_for, 1, static_cast<int>(left.count())) != 1) return false;
     if (recv(fd, buffer, sizeof buffer, 0) <= 0) return true;
@@ -160,11 +162,14 @@ const Attack kAttacks[] = {
      0, 1},
     {"Garbage",
      [](Hostile* h, int port) {
-       const std::string garbage[] = {
-           std::string("\0\x01\x02\xff\xfe\r\n\r\n", 9), "GET\r\n\r\n", "GET / HTTP/9.9\r\n\r\n",
-           "PRI * HTTP/2.0\r\n\r\nSM\r\n\r\n", "\x16\x03\x01\x02\x00\x01\x00\x01\xfc\x03\x03",
-           "GET / HTTP/1.1\r\nContent-Length: -5\r\n\r\n", "GET / HTTP/1.1\r\n: x\r\n\r\n",
-           "GET / HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\nzz\r\n"};
+       const std::string garbage[] = {std::string("\0\x01\x02\xff\xfe\r\n\r\n", 9),
+                                      "GET\r\n\r\n",
+                                      "GET / HTTP/9.9\r\n\r\n",
+                                      "PRI * HTTP/2.0\r\n\r\nSM\r\n\r\n",
+                                      "\x16\x03\x01\x02\x00\x01\x00\x01\xfc\x03\x03",
+                                      "GET / HTTP/1.1\r\nContent-Length: -5\r\n\r\n",
+                                      "GET / HTTP/1.1\r\n: x\r\n\r\n",
+                                      "GET / HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\nzz\r\n"};
        for (const std::string& g : garbage) {
          const int fd = connect_loopback(port, "127.0.0.2");
          send_text(fd, g);
@@ -237,9 +242,9 @@ INSTANTIATE_TEST_SUITE_P(Attacks, Hostility, ::testing::ValuesIn(kAttacks),
 TEST(Hostility, SecondServerOnTheSamePort) {
   Served first(testing_support::machine_dir("amd-rdna3-rx7900xtx"));
   ASSERT_NE(first.port(), 0);
-  const machine::RunResult second = testing_support::run_gpumon(
-      {"--serve", "127.0.0.1:" + std::to_string(first.port()), "--machine",
-       testing_support::machine_dir("desktop-no-gpu")});
+  const machine::RunResult second =
+      testing_support::run_gpumon({"--serve", "127.0.0.1:" + std::to_string(first.port()),
+                                   "--machine", testing_support::machine_dir("desktop-no-gpu")});
   EXPECT_EQ(second.exit_code, 5) << second.err;
   for (int i = 0; i < 4; ++i) {
     const Reply reply = round_trip(first.port(), get_request("/metrics"));

@@ -47,7 +47,8 @@ TEST(Serve, MetricsOfFakeMachines) {
             "gpumon_gpu_info{gpu=\"0\",name=\"AMD Radeon RX 7900 XTX\",pci=\"0000:03:00.0\","
             "board_name=\"Sapphire PULSE RX 7900 XTX\",codename=\"Navi 31\",driver=\"amdgpu\","
             "vbios_version=\"113-D7020100-102\",vendor_id=\"0x1002\",device_id=\"0x744C\","
-            "subsystem_vendor_id=\"0x1DA2\",subsystem_device_id=\"0x471E\",revision_id=\"0xC8\"} 1\n",
+            "subsystem_vendor_id=\"0x1DA2\",subsystem_device_id=\"0x471E\",revision_id=\"0xC8\"} "
+            "1\n",
             "# TYPE gpumon_gpu_fan_speed_rpm gauge\n",
             "gpumon_gpu_temperature_celsius{gpu=\"0\",name=\"AMD Radeon RX 7900 XTX\","
             "pci=\"0000:03:00.0\",sensor=\"memory\"} 58\n"},
@@ -55,16 +56,22 @@ TEST(Serve, MetricsOfFakeMachines) {
           {built_machine("nvidia-h100-sxm"),
            {},
            {"# TYPE gpumon_gpu_energy_joules_total counter\n",
-            "gpumon_gpu_energy_joules_total{gpu=\"0\",name=\"NVIDIA H100 80GB HBM3\",pci=\"0000:18:00.0\"} "
+            "gpumon_gpu_energy_joules_total{gpu=\"0\",name=\"NVIDIA H100 80GB "
+            "HBM3\",pci=\"0000:18:00.0\"} "
             "4578213.376\n",
-            "gpumon_gpu_power_min_limit_watts{gpu=\"0\",name=\"NVIDIA H100 80GB HBM3\",pci=\"0000:18:00.0\"} 200\n",
-            "gpumon_gpu_temperature_threshold_celsius{gpu=\"0\",name=\"NVIDIA H100 80GB HBM3\",pci=\"0000:18:00.0\","
+            "gpumon_gpu_power_min_limit_watts{gpu=\"0\",name=\"NVIDIA H100 80GB "
+            "HBM3\",pci=\"0000:18:00.0\"} 200\n",
+            "gpumon_gpu_temperature_threshold_celsius{gpu=\"0\",name=\"NVIDIA H100 80GB "
+            "HBM3\",pci=\"0000:18:00.0\","
             "threshold=\"slowdown\"} 89\n",
-            "gpumon_gpu_clock_max_hertz{gpu=\"0\",name=\"NVIDIA H100 80GB HBM3\",pci=\"0000:18:00.0\",clock=\"core\"} "
+            "gpumon_gpu_clock_max_hertz{gpu=\"0\",name=\"NVIDIA H100 80GB "
+            "HBM3\",pci=\"0000:18:00.0\",clock=\"core\"} "
             "1980000000\n",
-            "gpumon_gpu_throttle_reason{gpu=\"0\",name=\"NVIDIA H100 80GB HBM3\",pci=\"0000:18:00.0\","
+            "gpumon_gpu_throttle_reason{gpu=\"0\",name=\"NVIDIA H100 80GB "
+            "HBM3\",pci=\"0000:18:00.0\","
             "reason=\"gpu_idle\"} 1\n",
-            "gpumon_gpu_pcie_throughput_bytes_per_second{gpu=\"0\",name=\"NVIDIA H100 80GB HBM3\",pci=\"0000:18:00.0\","
+            "gpumon_gpu_pcie_throughput_bytes_per_second{gpu=\"0\",name=\"NVIDIA H100 80GB "
+            "HBM3\",pci=\"0000:18:00.0\","
             "direction=\"rx\"} 4015104\n"},
            {"fan", "NaN", "=\"\""}},
           {machine_dir("amd-multi-card-gaps"),
@@ -270,8 +277,8 @@ TEST(Serve, PrometheusScrapesIt) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
   while (sample.is_null() && std::chrono::steady_clock::now() < deadline) {
     std::this_thread::sleep_for(std::chrono::milliseconds(250));
-    const Reply r = round_trip(
-        port, "GET /api/v1/query?query=gpumon_gpu_energy_joules_total HTTP/1.0\r\n\r\n");
+    const Reply r =
+        round_trip(port, "GET /api/v1/query?query=gpumon_gpu_energy_joules_total HTTP/1.0\r\n\r\n");
     if (r.status != 200) continue;
     const nlohmann::json answer = nlohmann::json::parse(r.body, nullptr, false);
     if (!answer.is_discarded() && !answer["data"]["result"].empty())

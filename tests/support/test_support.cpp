@@ -43,17 +43,6 @@ std::vector<std::string> TraceCapture::texts(zev::TraceLevel level) const {
   return out;
 }
 
-PluginHandle::PluginHandle(const std::string& path) {
-  handle_ = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
-  if (handle_ == nullptr) return;
-  create_ = reinterpret_cast<void* (*)()>(dlsym(handle_, "zev_plugin_create"));
-  destroy_ = reinterpret_cast<int (*)(void*)>(dlsym(handle_, "zev_plugin_destroy"));
-}
-
-PluginHandle::~PluginHandle() {
-  if (handle_ != nullptr) dlclose(handle_);
-}
-
 MachineScope::MachineScope(const std::string& name_or_dir) {
   const std::string dir =
       name_or_dir.find('/') == std::string::npos ? machine_dir(name_or_dir) : name_or_dir;

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "machine.h"
+#include "plugin_loader.h"
 #include "zev/gpu_monitor.h"
 #include "zev/trace.h"
 
@@ -44,24 +45,23 @@ class TraceCapture {
   std::vector<Line> lines_;
 };
 
-// The plug-in library opened with dlopen and its two entry points.
+// The plug-in library opened as gpumon opens it (apps/gpumon/plugin_loader.h),
+// with its two entry points.
 class PluginHandle {
  public:
-  explicit PluginHandle(const std::string& path = plugin_path());
-  ~PluginHandle();
-  PluginHandle(const PluginHandle&) = delete;
-  PluginHandle& operator=(const PluginHandle&) = delete;
+  explicit PluginHandle(const std::string& path = plugin_path()) {
+    ok_ = library_.open(path, &error_);
+  }
 
-  bool ok() const { return handle_ != nullptr && create_ != nullptr && destroy_ != nullptr; }
-  void* handle() const { return handle_; }
-  void* create_raw() { return create_(); }
-  int destroy_raw(void* object) { return destroy_(object); }
-  zev::GpuMonitor* create() { return static_cast<zev::GpuMonitor*>(create_()); }
+  bool ok() const { return ok_; }
+  void* create_raw() { return library_.create(); }
+  int destroy_raw(void* object) { return library_.destroy(static_cast<zev::GpuMonitor*>(object)); }
+  zev::GpuMonitor* create() { return library_.create(); }
 
  private:
-  void* handle_ = nullptr;
-  void* (*create_)() = nullptr;
-  int (*destroy_)(void*) = nullptr;
+  PluginLibrary library_;
+  std::string error_;
+  bool ok_ = false;
 };
 
 // Inside a fake machine for the lifetime of the object (this process).

@@ -130,8 +130,9 @@ namespace {
 // logging grep first on PATH sees them.
 std::vector<std::string> greps_of_initialize(const std::string& base, const std::string& cpuinfo) {
   TempMachine machine({{"proc/cpuinfo", cpuinfo},
-                       {"bin/grep", "#!/bin/sh\necho \"$*\" >> \"$(dirname \"$0\")/grep.log\"\n"
-                                    "exec /usr/bin/grep \"$@\"\n"}},
+                       {"bin/grep",
+                        "#!/bin/sh\necho \"$*\" >> \"$(dirname \"$0\")/grep.log\"\n"
+                        "exec /usr/bin/grep \"$@\"\n"}},
                       base);
   std::filesystem::permissions(machine.dir() + "/bin/grep", std::filesystem::perms::owner_all);
   MachineScope scope(machine.dir());
@@ -149,7 +150,8 @@ std::vector<std::string> greps_of_initialize(const std::string& base, const std:
 // The board model pipeline runs only where /proc/cpuinfo names a Pi.
 TEST(SystemInformation, BoardModelPipelineOnlyWhereAPiCouldBe) {
   const std::string pc = "processor\t: 0\nmodel name\t: AMD Ryzen 7 7700X\ncpu MHz\t\t: 4491.0\n";
-  const std::string pi = "processor\t: 0\nBogoMIPS\t: 108.00\nModel\t\t: Raspberry Pi 5 Model B Rev 1.0\n";
+  const std::string pi =
+      "processor\t: 0\nBogoMIPS\t: 108.00\nModel\t\t: Raspberry Pi 5 Model B Rev 1.0\n";
   for (const auto& [cpuinfo, model_greps] :
        {std::pair<std::string, size_t>{pc, 0}, {pi, 1}, {pc + "Model\t\t: Generic board\n", 0}}) {
     const std::vector<std::string> greps = greps_of_initialize("desktop-no-gpu", cpuinfo);

@@ -144,9 +144,13 @@ std::unique_ptr<GlHost> GlHost::create(const GlHostOptions& options, std::string
     *error = "this EGL has no desktop OpenGL";
     return nullptr;
   }
-  const EGLint core[] = {EGL_CONTEXT_MAJOR_VERSION, options.gl_major, EGL_CONTEXT_MINOR_VERSION,
-                         options.gl_minor, EGL_CONTEXT_OPENGL_PROFILE_MASK,
-                         EGL_CONTEXT_OPENGL_CORE_PROFILE_BIT, EGL_NONE};
+  const EGLint core[] = {EGL_CONTEXT_MAJOR_VERSION,
+                         options.gl_major,
+                         EGL_CONTEXT_MINOR_VERSION,
+                         options.gl_minor,
+                         EGL_CONTEXT_OPENGL_PROFILE_MASK,
+                         EGL_CONTEXT_OPENGL_CORE_PROFILE_BIT,
+                         EGL_NONE};
   const EGLint compat[] = {EGL_CONTEXT_MAJOR_VERSION, 2, EGL_CONTEXT_MINOR_VERSION, 1, EGL_NONE};
   state->context =
       eglCreateContext(state->display, EGL_NO_CONFIG_KHR, EGL_NO_CONTEXT, legacy ? compat : core);
@@ -197,8 +201,8 @@ std::unique_ptr<GlHost> GlHost::create(const GlHostOptions& options, std::string
   state->renderer = std::make_unique<GlRenderer>(!legacy);
   state->window = std::make_unique<FramebufferWindow>(options.width, options.height);
   std::string text_error;
-  state->text = TextResources::create(state->renderer.get(), options.width, options.height,
-                                      &text_error);
+  state->text =
+      TextResources::create(state->renderer.get(), options.width, options.height, &text_error);
   if (!state->text) {
     *error = text_error;
     return nullptr;

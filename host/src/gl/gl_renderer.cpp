@@ -98,11 +98,10 @@ const Limit kLimits[] = {
 };
 
 // The blending codes of zev::BlendFactor, in code order.
-const GLenum kBlendFactors[] = {GL_ONE_MINUS_SRC_ALPHA, GL_ONE,
-                                GL_SRC_COLOR,           GL_DST_COLOR,
-                                GL_ZERO,                GL_ONE_MINUS_SRC_COLOR,
-                                GL_ONE_MINUS_DST_COLOR, GL_DST_ALPHA,
-                                GL_SRC_ALPHA,           GL_ONE_MINUS_DST_ALPHA};
+const GLenum kBlendFactors[] = {GL_ONE_MINUS_SRC_ALPHA, GL_ONE,       GL_SRC_COLOR,
+                                GL_DST_COLOR,           GL_ZERO,      GL_ONE_MINUS_SRC_COLOR,
+                                GL_ONE_MINUS_DST_COLOR, GL_DST_ALPHA, GL_SRC_ALPHA,
+                                GL_ONE_MINUS_DST_ALPHA};
 
 const char* text_of(const GLubyte* s) { return s ? reinterpret_cast<const char*>(s) : ""; }
 
@@ -186,7 +185,8 @@ bool GlRenderer::get_capability_4i(const char* name, int* v0, int* v1, int* v2, 
     int count = limit.count;
     if (count < 0) {  // indexed limits, one query per axis
       count = -count;
-      for (int i = 0; i < count; ++i) glGetIntegeri_v(limit.value, static_cast<GLuint>(i), &values[i]);
+      for (int i = 0; i < count; ++i)
+        glGetIntegeri_v(limit.value, static_cast<GLuint>(i), &values[i]);
     } else if (count == 0) {
       // Internal-format limits: of the RGBA8 2D texture format.
       count = 1;
@@ -204,7 +204,9 @@ bool GlRenderer::get_capability_4i(const char* name, int* v0, int* v1, int* v2, 
   return false;
 }
 
-void GlRenderer::set_depth_test(bool on) { on ? glEnable(GL_DEPTH_TEST) : glDisable(GL_DEPTH_TEST); }
+void GlRenderer::set_depth_test(bool on) {
+  on ? glEnable(GL_DEPTH_TEST) : glDisable(GL_DEPTH_TEST);
+}
 void GlRenderer::set_blending(bool on) { on ? glEnable(GL_BLEND) : glDisable(GL_BLEND); }
 
 void GlRenderer::set_blending_factors(int source, int destination) {
@@ -230,8 +232,8 @@ void GlRenderer::load_matrices(const float* model) {
   zev_gl::multiply(view_, model, model_view);
   zev_gl::multiply(projection_, model_view, mvp);
   if (current_program_ != nullptr) {
-    const GLint at = glGetUniformLocation(current_program_->handle(),
-                                          "tulva_ModelViewProjectionMatrix");
+    const GLint at =
+        glGetUniformLocation(current_program_->handle(), "tulva_ModelViewProjectionMatrix");
     if (at >= 0) glUniformMatrix4fv(at, 1, GL_FALSE, mvp);
   }
   if (fixed_function_) {

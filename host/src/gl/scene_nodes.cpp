@@ -64,8 +64,8 @@ void Camera::set_viewport(int x, int y, int w, int h) {
   viewport_[3] = h;
 }
 
-void Camera::build_projection_ortho(float left, float right, float bottom, float top,
-                                    float z_near, float z_far, bool) {
+void Camera::build_projection_ortho(float left, float right, float bottom, float top, float z_near,
+                                    float z_far, bool) {
   zev_gl::identity(projection_);
   if (right == left || top == bottom || z_far == z_near) return;
   projection_[0] = 2.0f / (right - left);

@@ -200,7 +200,8 @@ GlyphAtlas::~GlyphAtlas() {
   if (texture != 0) glDeleteTextures(1, &texture);
 }
 
-TextList::TextList() : vertices_(new float[static_cast<size_t>(kMaxItems) * kMaxChars * 6 * kFloats]) {}
+TextList::TextList()
+    : vertices_(new float[static_cast<size_t>(kMaxItems) * kMaxChars * 6 * kFloats]) {}
 
 void TextList::add(float x, float y, float r, float g, float b, float a, const char* format,
                    va_list args) {
@@ -228,8 +229,9 @@ void TextList::build(const GlyphAtlas& atlas, float scale) {
                                    {x1, y1, g.u1, g.v1}, {x0, y0, g.u0, g.v0},
                                    {x1, y1, g.u1, g.v1}, {x0, y1, g.u0, g.v1}};
       for (const auto& k : corners) {
-        const float vertex[kFloats] = {k[0],          k[1],          0.0f, 1.0f, item.color[0],
-                                       item.color[1], item.color[2], item.color[3], k[2], k[3]};
+        const float vertex[kFloats] = {k[0],          k[1],          0.0f,          1.0f,
+                                       item.color[0], item.color[1], item.color[2], item.color[3],
+                                       k[2],          k[3]};
         std::memcpy(v + static_cast<size_t>(num_vertices_++) * kFloats, vertex, sizeof vertex);
       }
       pen += g.advance * scale;
@@ -372,8 +374,8 @@ std::unique_ptr<TextResources> TextResources::create(GlRenderer* renderer, int w
   f.freetype = std::make_unique<FreeTypeText>(&f.smooth);
   text->camera_ = new Camera();
   text->camera_->set_viewport(0, 0, width, height);
-  text->camera_->build_projection_ortho(0.0f, static_cast<float>(width),
-                                        static_cast<float>(height), 0.0f, -1.0f, 1.0f, true);
+  text->camera_->build_projection_ortho(0.0f, static_cast<float>(width), static_cast<float>(height),
+                                        0.0f, -1.0f, 1.0f, true);
   return text;
 }
 

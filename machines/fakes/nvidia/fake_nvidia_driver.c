@@ -163,8 +163,10 @@ void zev_fake_nvidia_driver_close_all(void) {
 
 static void flags_text(int flags, char* out, size_t size) {
   const int access = flags & O_ACCMODE;
-  snprintf(out, size, "%s", access == O_RDONLY ? "O_RDONLY" : access == O_WRONLY ? "O_WRONLY"
-                                                                                 : "O_RDWR");
+  snprintf(out, size, "%s",
+           access == O_RDONLY   ? "O_RDONLY"
+           : access == O_WRONLY ? "O_WRONLY"
+                                : "O_RDWR");
   int rest = flags & ~O_ACCMODE;
   if (rest & O_CLOEXEC) {
     strncat(out, "|O_CLOEXEC", size - strlen(out) - 1);
@@ -204,17 +206,28 @@ static void load_data(FakeFd* f, const char* path) {
     if (*line == '\0' || *line == '#') continue;
     char* value = NULL;
     char* key = fake_split_key(line, &value);
-    if (strcmp(key, "client") == 0) f->client = parse_u32(value);
-    else if (strcmp(key, "client_status") == 0) f->client_status = parse_u32(value);
-    else if (strcmp(key, "client_ioctl") == 0) f->client_ioctl = parse_int(value);
-    else if (strcmp(key, "instance") == 0) f->instance = parse_u32(value);
-    else if (strcmp(key, "register_ioctl") == 0) f->register_ioctl = parse_int(value);
-    else if (strcmp(key, "device_status") == 0) f->device_status = parse_u32(value);
-    else if (strcmp(key, "device_ioctl") == 0) f->device_ioctl = parse_int(value);
-    else if (strcmp(key, "subdevice_status") == 0) f->subdevice_status = parse_u32(value);
-    else if (strcmp(key, "subdevice_ioctl") == 0) f->subdevice_ioctl = parse_int(value);
-    else if (strcmp(key, "query_status") == 0) f->query_status = parse_u32(value);
-    else if (strcmp(key, "query_ioctl") == 0) f->query_ioctl = parse_int(value);
+    if (strcmp(key, "client") == 0)
+      f->client = parse_u32(value);
+    else if (strcmp(key, "client_status") == 0)
+      f->client_status = parse_u32(value);
+    else if (strcmp(key, "client_ioctl") == 0)
+      f->client_ioctl = parse_int(value);
+    else if (strcmp(key, "instance") == 0)
+      f->instance = parse_u32(value);
+    else if (strcmp(key, "register_ioctl") == 0)
+      f->register_ioctl = parse_int(value);
+    else if (strcmp(key, "device_status") == 0)
+      f->device_status = parse_u32(value);
+    else if (strcmp(key, "device_ioctl") == 0)
+      f->device_ioctl = parse_int(value);
+    else if (strcmp(key, "subdevice_status") == 0)
+      f->subdevice_status = parse_u32(value);
+    else if (strcmp(key, "subdevice_ioctl") == 0)
+      f->subdevice_ioctl = parse_int(value);
+    else if (strcmp(key, "query_status") == 0)
+      f->query_status = parse_u32(value);
+    else if (strcmp(key, "query_ioctl") == 0)
+      f->query_ioctl = parse_int(value);
     else if (strcmp(key, "rops") == 0) {
       unsigned a = 0, b = 0, c = 0;
       if (sscanf(value, "%u %u %u", &a, &b, &c) == 3) {
@@ -382,11 +395,12 @@ static int alloc_object(FakeFd* ctl, AllocLong* request) {
   const size_t params_size = r.object_class == CLASS_DEVICE      ? DEVICE_PARAMS_SIZE
                              : r.object_class == CLASS_SUBDEVICE ? SUBDEVICE_PARAMS_SIZE
                                                                  : 0;
-  log_line("ioctl %s ALLOC(48) root=0x%x parent=0x%x new=0x%x class=0x%x params=%s(%zu) "
-           "rights=0x%llx size=%u flags=0x%x",
-           ctl->name, r.root, r.parent, r.new_handle, r.object_class,
-           params_size != 0 ? zero_params(r.params, params_size) : "-", params_size,
-           (unsigned long long)r.rights, r.params_size, r.flags);
+  log_line(
+      "ioctl %s ALLOC(48) root=0x%x parent=0x%x new=0x%x class=0x%x params=%s(%zu) "
+      "rights=0x%llx size=%u flags=0x%x",
+      ctl->name, r.root, r.parent, r.new_handle, r.object_class,
+      params_size != 0 ? zero_params(r.params, params_size) : "-", params_size,
+      (unsigned long long)r.rights, r.params_size, r.flags);
 
   FakeFd* gpu = ctl->registered_gpu >= 0 ? &g_fds[ctl->registered_gpu] : NULL;
   if (ctl->client_handle == 0 || r.root != ctl->client_handle || r.new_handle == 0 ||

@@ -60,8 +60,9 @@ int main(int argc, char** argv) {
                sizeof conf_path);
   char* text = fake_read_file(conf_path);
   if (text == NULL) {
-    fprintf(stderr, "ERROR: The control display is undefined; please run `nvidia-settings "
-                    "--help` for usage information.\n");
+    fprintf(stderr,
+            "ERROR: The control display is undefined; please run `nvidia-settings "
+            "--help` for usage information.\n");
     return 1;
   }
 

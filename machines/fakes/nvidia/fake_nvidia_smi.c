@@ -52,11 +52,22 @@
 
 #include "fake_text.h"
 
-static const char* const kFields[] = {
-    "name",              "driver_version",     "vbios_version",   "pci.device_id",
-    "pci.sub_device_id", "pci.bus",            "fan.speed",       "memory.total",
-    "memory.used",       "utilization.gpu",    "utilization.memory", "temperature.gpu",
-    "temperature.memory", "power.draw",        "clocks.current.sm", "clocks.current.memory"};
+static const char* const kFields[] = {"name",
+                                      "driver_version",
+                                      "vbios_version",
+                                      "pci.device_id",
+                                      "pci.sub_device_id",
+                                      "pci.bus",
+                                      "fan.speed",
+                                      "memory.total",
+                                      "memory.used",
+                                      "utilization.gpu",
+                                      "utilization.memory",
+                                      "temperature.gpu",
+                                      "temperature.memory",
+                                      "power.draw",
+                                      "clocks.current.sm",
+                                      "clocks.current.memory"};
 
 static const char* unit_of(const char* field) {
   if (strcmp(field, "fan.speed") == 0 || strncmp(field, "utilization.", 12) == 0) return " %";
@@ -275,8 +286,9 @@ int main(int argc, char** argv) {
   machine_file("ZEV_FAKE_NVIDIA_SMI_CONF", "nvidia-smi.conf", conf_path, sizeof conf_path);
   char* text = fake_read_file(conf_path);
   if (text == NULL) {
-    printf("NVIDIA-SMI has failed because it couldn't communicate with the NVIDIA driver. "
-           "Make sure that the latest NVIDIA driver is installed and running.\n\n");
+    printf(
+        "NVIDIA-SMI has failed because it couldn't communicate with the NVIDIA driver. "
+        "Make sure that the latest NVIDIA driver is installed and running.\n\n");
     return 9;
   }
 

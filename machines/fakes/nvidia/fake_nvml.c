@@ -90,9 +90,8 @@ typedef struct {
 } nvmlMemory_t;
 
 typedef struct {
-  unsigned int multiprocessorCount, sharedCopyEngineCount, sharedDecoderCount,
-      sharedEncoderCount, sharedJpegCount, sharedOfaCount, gpuInstanceSliceCount,
-      computeInstanceSliceCount;
+  unsigned int multiprocessorCount, sharedCopyEngineCount, sharedDecoderCount, sharedEncoderCount,
+      sharedJpegCount, sharedOfaCount, gpuInstanceSliceCount, computeInstanceSliceCount;
   unsigned long long memorySizeMB;
 } nvmlDeviceAttributes_t;
 
@@ -204,18 +203,22 @@ void zev_fake_nvml_reset_calls(void) {
 
 /* ------------------------------------------------------------ machine data */
 
-static const char* const kTextKeys[] = {"name", "serial", "processes", "nvml_version",
-                                        "driver_version", "vbios_version"};
-static const char* const kDeviceKeys[] = {
-    "name",           "serial",          "brand",          "pci_domain",     "pci_bus",
-    "pci_device",     "pci_device_id",   "pci_subsystem_id", "architecture", "cores",
-    "memory_bus_width", "multiprocessors", "memory_total",  "memory_used",    "cuda_major",
-    "cuda_minor",     "temperature",     "num_fans",       "fan_speed",      "utilization.gpu",
-    "utilization.memory", "power",       "energy",         "enforced_limit", "default_limit",
-    "power_limit",    "limit_min",       "limit_max",      "pstate",         "throttle",
-    "processes",      "process_sizing",  "process_count",  "vbios_version"};
-static const char* const kIndexedDeviceKeys[] = {"threshold.", "fan.",  "fan_rpm.", "max_clock.",
-                                                 "clock.",     "boost_clock.", "pcie."};
+static const char* const kTextKeys[] = {"name",         "serial",         "processes",
+                                        "nvml_version", "driver_version", "vbios_version"};
+static const char* const kDeviceKeys[] = {"name",          "serial",           "brand",
+                                          "pci_domain",    "pci_bus",          "pci_device",
+                                          "pci_device_id", "pci_subsystem_id", "architecture",
+                                          "cores",         "memory_bus_width", "multiprocessors",
+                                          "memory_total",  "memory_used",      "cuda_major",
+                                          "cuda_minor",    "temperature",      "num_fans",
+                                          "fan_speed",     "utilization.gpu",  "utilization.memory",
+                                          "power",         "energy",           "enforced_limit",
+                                          "default_limit", "power_limit",      "limit_min",
+                                          "limit_max",     "pstate",           "throttle",
+                                          "processes",     "process_sizing",   "process_count",
+                                          "vbios_version"};
+static const char* const kIndexedDeviceKeys[] = {
+    "threshold.", "fan.", "fan_rpm.", "max_clock.", "clock.", "boost_clock.", "pcie."};
 static const char* const kLibraryKeys[] = {"init", "count", "nvml_version", "driver_version"};
 
 static int in_list(const char* key, const char* const* list, size_t n) {
@@ -467,21 +470,21 @@ static Scope* device_of(nvmlDevice_t handle) {
   } while (0)
 
 /* Started library, valid handle, no configured failure. */
-#define DEVICE(handle, arg)                                  \
-  if (!g_started) END(NVML_ERROR_UNINITIALIZED);             \
-  Scope* d = device_of(handle);                              \
-  if (d == NULL) END(NVML_ERROR_INVALID_ARGUMENT);           \
-  (void)d;                                                   \
-  {                                                          \
-    int code_ = failure_of(d, call_, (arg));                 \
-    if (code_ != 0) END(code_);                              \
+#define DEVICE(handle, arg)                        \
+  if (!g_started) END(NVML_ERROR_UNINITIALIZED);   \
+  Scope* d = device_of(handle);                    \
+  if (d == NULL) END(NVML_ERROR_INVALID_ARGUMENT); \
+  (void)d;                                         \
+  {                                                \
+    int code_ = failure_of(d, call_, (arg));       \
+    if (code_ != 0) END(code_);                    \
   }
 
-#define LIBRARY(arg)                                         \
-  if (!g_started) END(NVML_ERROR_UNINITIALIZED);             \
-  {                                                          \
-    int code_ = failure_of(NULL, call_, (arg));              \
-    if (code_ != 0) END(code_);                              \
+#define LIBRARY(arg)                             \
+  if (!g_started) END(NVML_ERROR_UNINITIALIZED); \
+  {                                              \
+    int code_ = failure_of(NULL, call_, (arg));  \
+    if (code_ != 0) END(code_);                  \
   }
 
 static nvmlReturn_t put_uint(Scope* d, const char* key, unsigned int* out) {
@@ -557,7 +560,9 @@ static nvmlReturn_t get_count(const char* name, unsigned int* count) {
   END(NVML_SUCCESS);
 }
 
-nvmlReturn_t nvmlDeviceGetCount(unsigned int* count) { return get_count("nvmlDeviceGetCount", count); }
+nvmlReturn_t nvmlDeviceGetCount(unsigned int* count) {
+  return get_count("nvmlDeviceGetCount", count);
+}
 nvmlReturn_t nvmlDeviceGetCount_v2(unsigned int* count) {
   return get_count("nvmlDeviceGetCount_v2", count);
 }
@@ -609,8 +614,8 @@ nvmlReturn_t nvmlDeviceGetPciInfo(nvmlDevice_t device, nvmlPciInfo_t* pci) {
   take_value(d, "pci_device", &dev);
   nvmlPciInfo_t info;
   memset(&info, 0, sizeof info);
-  snprintf(info.busId, sizeof info.busId, "%04llX:%02llX:%02llX.0", domain & 0xFFFFull,
-           bus & 0xFF, dev & 0xFF);
+  snprintf(info.busId, sizeof info.busId, "%04llX:%02llX:%02llX.0", domain & 0xFFFFull, bus & 0xFF,
+           dev & 0xFF);
   info.domain = (unsigned int)domain;
   info.bus = (unsigned int)bus;
   info.device = (unsigned int)dev;
@@ -948,8 +953,7 @@ static unsigned int parse_samples(Scope* d, nvmlProcessUtilizationSample_t* out)
 
 nvmlReturn_t nvmlDeviceGetProcessUtilization(nvmlDevice_t device,
                                              nvmlProcessUtilizationSample_t* samples,
-                                             unsigned int* count,
-                                             unsigned long long last_seen) {
+                                             unsigned int* count, unsigned long long last_seen) {
   BEGIN("nvmlDeviceGetProcessUtilization");
   DEVICE(device, -1);
   (void)last_seen;

@@ -106,8 +106,8 @@ static inline void fake_dirname(char* path, int levels) {
 /* Appends one line to the file at `path` with a single write (O_APPEND), so
  * that concurrent writers do not mix their lines. */
 static inline void fake_append_line(const char* path, const char* line) {
-  int fd = (int)syscall(SYS_openat, AT_FDCWD, path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC,
-                        0644);
+  int fd =
+      (int)syscall(SYS_openat, AT_FDCWD, path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
   if (fd < 0) return;
   size_t n = strlen(line);
   char* buffer = (char*)malloc(n + 2);

@@ -21,20 +21,20 @@ class gpuTemperature {
 
 class gpuPower {
  public:
-  float value;               // 0: a power reading
-  float value_max_in_test;   // 1: its maximum during a test
-  float current;             // 2: power as returned to callers (unit depends on the back-end)
-  float reserved3;           // 3
-  float limit_min;           // 4: NVML limit constraint
-  float reserved5;           // 5
-  float limit_max;           // 6: NVML limit constraint
-  float reserved7;           // 7
-  float reserved8;           // 8
-  float reserved9;           // 9
-  float default_limit;       // 10
-  float enforced_limit;      // 11
-  float watts;               // 12: power in watts on every path
-  float watts_max_in_test;   // 13: maximum of watts during a test
+  float value;              // 0: a power reading
+  float value_max_in_test;  // 1: its maximum during a test
+  float current;            // 2: power as returned to callers (unit depends on the back-end)
+  float reserved3;          // 3
+  float limit_min;          // 4: NVML limit constraint
+  float reserved5;          // 5
+  float limit_max;          // 6: NVML limit constraint
+  float reserved7;          // 7
+  float reserved8;          // 8
+  float reserved9;          // 9
+  float default_limit;      // 10
+  float enforced_limit;     // 11
+  float watts;              // 12: power in watts on every path
+  float watts_max_in_test;  // 13: maximum of watts during a test
 
   gpuPower() { reset(); }
   void reset();
@@ -130,7 +130,7 @@ class GPU {
   uint32_t tdp_w;
   uint8_t carried_u8_0[2];
   uint32_t carried_u32_1;
-  int64_t vram_size_mb;         // video memory, MiB (0: unknown)
+  int64_t vram_size_mb;  // video memory, MiB (0: unknown)
   // Video memory in use, MiB; -1 unknown. It takes the first of two carried
   // 8-byte fields, which held 0 and which no host reads, so the layout and
   // every other field's offset are unchanged. Refreshed with the sensors.
@@ -138,14 +138,14 @@ class GPU {
   uint64_t carried_u64_0;
   uint32_t carried_u32_2;
   uint32_t memory_bus_width;
-  uint32_t gpu_kind;           // carried; 2 unless a back-end says otherwise
-  uint32_t carried_u32_3;      // carried; defaults to 2
+  uint32_t gpu_kind;       // carried; 2 unless a back-end says otherwise
+  uint32_t carried_u32_3;  // carried; defaults to 2
   char carried_text1[3][64];
-  uint64_t carried_u64_1;      // carried; defaults to 1000
+  uint64_t carried_u64_1;  // carried; defaults to 1000
   char carried_text2[4][128];
   char driver_version[128];
   char driver_name[128];
-  char identifier[64];         // carried identifier text
+  char identifier[64];  // carried identifier text
   char carried_text3[64];
   char driver_version_short[64];
   char carried_text4[2][64];

@@ -1,11 +1,12 @@
-// CPU and OS facts, gathered once at the start of initialize().
+// CPU and OS facts, gathered once at the start of initialize() from the
+// system information layer (sysinfo/).
 #include <cmath>
 #include <cstdio>
 #include <cstring>
 
-#include "backends/rpi/rpi_board.h"
 #include "plugin/gpu_monitor_vorn.h"
 #include "sysinfo/board_model.h"
+#include "sysinfo/cpu_readers.h"
 #include "zev/utils.h"
 
 bool GpuMonitorVorn::_init_system_info() {
@@ -27,9 +28,7 @@ bool GpuMonitorVorn::_init_cpu_name() {
   // every start-up): /proc/cpuinfo read in-process already says so.
   char model[128];
   std::memset(model, 0, sizeof model);
-  if (board_model::could_be_raspberry_pi() && linux_arm64_rpi_read_cpu_name(model) &&
-      raspberry_pi_model(model))
-    copy_text(name, sizeof name, model);
+  if (board_model::read_raspberry_pi_model(model)) copy_text(name, sizeof name, model);
   copy_text(cpu_name, sizeof cpu_name, name);
 
   unsigned long mhz = 0;
@@ -71,3 +70,15 @@ unsigned long GpuMonitorVorn::get_available_cpu_mem_kb() { return 0; }
 unsigned int GpuMonitorVorn::get_cpu_logical_cores() { return cpu_logical_cores; }
 unsigned int GpuMonitorVorn::get_cpu_physical_cores() { return cpu_physical_cores; }
 const char* GpuMonitorVorn::get_os_name() { return os_name; }
+
+bool GpuMonitorVorn::linux_read_cpu_name(char* name) { return sysinfo::read_cpu_name(name); }
+bool GpuMonitorVorn::linux_arm64_rpi_read_cpu_name(char* name) {
+  return sysinfo::read_board_model(name);
+}
+bool GpuMonitorVorn::linux_read_os_name(char* name) { return sysinfo::read_os_name(name); }
+bool GpuMonitorVorn::linux_read_cpu_speed_mhz_current(unsigned long* mhz) {
+  return sysinfo::read_cpu_speed_mhz_current(mhz);
+}
+bool GpuMonitorVorn::linux_read_mem_size_mb(unsigned long* mb) {
+  return sysinfo::read_mem_size_mb(mb);
+}

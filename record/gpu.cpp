@@ -1,27 +1,14 @@
 #include <cstring>
 #include <initializer_list>
 
+#include "record/record_writes.h"
 #include "zev/gpu.h"
 
 namespace zev {
 
-namespace {
-
-// The unknown-value sentinel is compared exactly; NaN is not the sentinel.
-bool is_unset(float v) { return v == -1.0f; }
-
-}  // namespace
-
 void gpuTemperature::reset() { current = min = max = -1.0f; }
 
-void gpuTemperature::update_min_max() {
-  if (is_unset(min) || min > current) min = current;
-  if (is_unset(max)) {
-    max = current;
-  } else if (current > max) {
-    max = current;
-  }
-}
+void gpuTemperature::update_min_max() { gpu_record::fold_min_max(current, &min, &max); }
 
 void gpuPower::reset() {
   float* slots = &value;
@@ -29,16 +16,16 @@ void gpuPower::reset() {
 }
 
 void gpuPower::update_max_in_test() {
-  if (is_unset(value_max_in_test) || value > value_max_in_test) value_max_in_test = value;
-  if (is_unset(watts_max_in_test)) {
-    watts_max_in_test = watts;
-  } else if (watts > watts_max_in_test) {
-    watts_max_in_test = watts;
-  }
+  gpu_record::fold_max(value, &value_max_in_test);
+  gpu_record::fold_max(watts, &watts_max_in_test);
 }
 
 gpuFanSpeed::gpuFanSpeed()
-    : speed_percent(-1.0f), reserved1(-1.0f), reserved2(-1.0f), rpm(-1.0f), reserved4(-1.0f),
+    : speed_percent(-1.0f),
+      reserved1(-1.0f),
+      reserved2(-1.0f),
+      rpm(-1.0f),
+      reserved4(-1.0f),
       reserved5(-1.0f) {}
 
 gpuBoostv2::gpuBoostv2() { std::memset(values, 0, sizeof values); }
@@ -53,8 +40,13 @@ gpuProcessUtilization::gpuProcessUtilization() : pid(0), timestamp(0), sm_util(0
 }
 
 gpuClock::gpuClock()
-    : current(-1.0f), min(-1.0f), max(-1.0f), reserved3(-1.0f), reported_max_clock(-1.0f),
-      reserved5(0), max_clock(-1.0f) {}
+    : current(-1.0f),
+      min(-1.0f),
+      max(-1.0f),
+      reserved3(-1.0f),
+      reported_max_clock(-1.0f),
+      reserved5(0),
+      max_clock(-1.0f) {}
 
 GPU::GPU() {
   // Start from all zero bytes (texts empty, counts 0, pointers null), then
@@ -137,13 +129,7 @@ void GPU::reset_sensors() {
 }
 
 void GPU::update_usages_max() {
-  for (float* triple : {core_usage, memory_usage}) {
-    if (is_unset(triple[2])) {
-      triple[2] = triple[0];
-    } else if (triple[0] > triple[2]) {
-      triple[2] = triple[0];
-    }
-  }
+  for (float* triple : {core_usage, memory_usage}) gpu_record::fold_max(triple[0], &triple[2]);
 }
 
 }  // namespace zev

@@ -1,4 +1,4 @@
-#include "plugin/text_file.h"
+#include "io/text_file.h"
 
 #include <fcntl.h>
 #include <unistd.h>

@@ -1,4 +1,4 @@
-#include "plugin/command_pipe.h"
+#include "io/command_pipe.h"
 
 #include <cstdio>
 #include <cstring>

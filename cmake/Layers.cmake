@@ -1,0 +1,32 @@
+# zev_layer(NAME SOURCES... [DEPENDS LAYER...])
+#   One layer of the monitor as a static library (position-independent,
+#   hidden symbols) that links the layers it depends on, and nothing above.
+#   Beside it, NAME_alone: the layer linked by itself into a shared library
+#   with -Wl,--no-undefined, with only what it depends on. A call into a
+#   layer above (a header included against the direction) leaves a symbol
+#   undefined there, and the build fails.
+function(zev_layer name)
+  cmake_parse_arguments(ARG "" "" "DEPENDS" ${ARGN})
+  add_library(${name}_objects OBJECT ${ARG_UNPARSED_ARGUMENTS})
+  target_include_directories(${name}_objects PUBLIC ${PROJECT_SOURCE_DIR})
+  target_link_libraries(${name}_objects PUBLIC ${ARG_DEPENDS})
+  set_target_properties(${name}_objects PROPERTIES
+    CXX_VISIBILITY_PRESET hidden
+    VISIBILITY_INLINES_HIDDEN ON)
+  zev_warnings(${name}_objects)
+
+  add_library(${name} STATIC $<TARGET_OBJECTS:${name}_objects>)
+  target_include_directories(${name} PUBLIC
+    $<TARGET_PROPERTY:${name}_objects,INTERFACE_INCLUDE_DIRECTORIES>)
+  target_link_libraries(${name} PUBLIC ${ARG_DEPENDS})
+
+  # The cross build of the plug-in alone links against the board's own
+  # framework; the check runs in the full builds.
+  if(NOT ZEV_PLUGIN_ONLY)
+    add_library(${name}_alone SHARED $<TARGET_OBJECTS:${name}_objects>)
+    target_link_libraries(${name}_alone PRIVATE ${ARG_DEPENDS})
+    target_link_options(${name}_alone PRIVATE -Wl,--no-undefined)
+    set_target_properties(${name}_alone PROPERTIES
+      LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/layers)
+  endif()
+endfunction()
