@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -68,10 +67,10 @@ void sleep_interruptible(double seconds) {
   }
 }
 
+// This program, to run again inside a machine or to record one.
 std::string self_path() {
-  char self[PATH_MAX];
-  ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
-  return n > 0 ? std::string(self, static_cast<size_t>(n)) : std::string("gpumon");
+  const std::string path = running_program_path();
+  return path.empty() ? std::string("gpumon") : path;
 }
 
 // Runs this same program inside the fake machine, without --machine.
@@ -189,7 +188,8 @@ int main(int argc, char** argv) {
   if (!options.machine.empty()) return run_in_machine(options);
   if (!options.record.empty()) {
     return record_machine(options.record,
-                          options.plugin.empty() ? default_plugin_path() : options.plugin);
+                          options.plugin.empty() ? default_plugin_path() : options.plugin,
+                          self_path());
   }
 
   TraceCollector traces;

@@ -40,12 +40,16 @@ zev::GpuMonitor* PluginLibrary::create() {
 
 int PluginLibrary::destroy(zev::GpuMonitor* monitor) { return destroy_ ? destroy_(monitor) : 0; }
 
+std::string running_program_path() {
+  char self[PATH_MAX];
+  const ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
+  return n > 0 ? std::string(self, static_cast<size_t>(n)) : std::string();
+}
+
 std::string default_plugin_path() {
   const std::string file = "plugin_zev_gpumon_x64.so";
-  char self[PATH_MAX];
-  ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
-  if (n <= 0) return file;
-  std::string dir(self, static_cast<size_t>(n));
+  std::string dir = running_program_path();
+  if (dir.empty()) return file;
   dir.erase(dir.find_last_of('/') + 1);
   const std::string beside = dir + file;
 #ifdef ZEV_INSTALLED_PLUGIN_DIR

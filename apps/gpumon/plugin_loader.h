@@ -28,6 +28,9 @@ class PluginLibrary {
   int (*destroy_)(void*) = nullptr;
 };
 
+// The running program's path, as /proc/self/exe tells it; "" when it does not.
+std::string running_program_path();
+
 // The default plug-in path: plugin_zev_gpumon_x64.so next to the running
 // program, or, where there is none, the one in the installed plug-in folder.
 std::string default_plugin_path();

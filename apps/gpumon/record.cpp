@@ -3,7 +3,6 @@
 #include <dlfcn.h>
 #include <unistd.h>
 
-#include <climits>
 #include <cstdio>
 #include <ctime>
 #include <filesystem>
@@ -19,23 +18,11 @@ namespace fs = std::filesystem;
 
 namespace {
 
-std::string quoted(const std::string& text) {
-  std::string word = "'";
-  for (char c : text) word += c == '\'' ? std::string("'\\''") : std::string(1, c);
-  return word + "'";
-}
-
-std::string self_path() {
-  char self[PATH_MAX];
-  const ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
-  return n > 0 ? std::string(self, static_cast<size_t>(n)) : std::string("gpumon");
-}
-
 // The project's stand-in for the CUDA driver library, which the monitor
 // only checks can be loaded: beside the built gpumon, or in the installed
 // plug-in folder.
-std::string cuda_stand_in(const std::string& plugin) {
-  const std::string self_dir = fs::path(self_path()).parent_path().string();
+std::string cuda_stand_in(const std::string& plugin, const std::string& program) {
+  const std::string self_dir = fs::path(program).parent_path().string();
   for (const std::string& candidate :
        {self_dir + "/../fakes/lib/libcuda.so",
         fs::path(plugin).parent_path().string() + "/libzev-cuda-standin.so"}) {
@@ -46,10 +33,11 @@ std::string cuda_stand_in(const std::string& plugin) {
 
 // Runs gpumon with the given environment in front: one scan and two
 // refreshes, as JSON documents; returns the last document ("" on failure).
-std::string run_monitor(const std::string& environment, const std::string& plugin) {
-  const std::string command = environment + " " + quoted(self_path()) +
-                              " --json --watch 0.05 --count 2 --plugin " + quoted(plugin) +
-                              " 2>/dev/null";
+std::string run_monitor(const std::string& environment, const std::string& program,
+                        const std::string& plugin) {
+  const std::string command = environment + " " + record::shell_word(program) +
+                              " --json --watch 0.05 --count 2 --plugin " +
+                              record::shell_word(plugin) + " 2>/dev/null";
   FILE* pipe = popen(command.c_str(), "r");
   if (pipe == nullptr) return "";
   std::string last, line;
@@ -119,7 +107,8 @@ void write_readme(const std::string& folder, const std::string& document, size_t
 
 }  // namespace
 
-int record_machine(const std::string& folder, const std::string& plugin) {
+int record_machine(const std::string& folder, const std::string& plugin,
+                   const std::string& program) {
   std::error_code ec;
   if (fs::exists(folder, ec) && !fs::is_empty(folder, ec)) {
     std::fprintf(stderr, "gpumon: %s is not empty: --record writes into a new or empty folder\n",
@@ -145,10 +134,10 @@ int record_machine(const std::string& folder, const std::string& plugin) {
   }
   const std::string shims = shims_template;
   record::write_recording_shims(shims, root);
-  const std::string env = "PATH=" + quoted(shims) + ":\"$PATH\"";
-  const std::string document = run_monitor(env, plugin);
+  const std::string env = "PATH=" + record::shell_word(shims) + ":\"$PATH\"";
+  const std::string document = run_monitor(env, program, plugin);
 
-  const std::string stand_in = cuda_stand_in(plugin);
+  const std::string stand_in = cuda_stand_in(plugin, program);
   bool nvml_bypassed = false;
   if (record::count_answers(root, "nvidia-smi") == 0 &&
       !record::find_on_path("nvidia-smi").empty() && !stand_in.empty()) {
@@ -159,7 +148,8 @@ int record_machine(const std::string& folder, const std::string& plugin) {
       fs::create_directories(hidden, ec);
       fs::copy_file(stand_in, hidden + "/libnvidia-ml.so", ec);
       fs::copy_file(stand_in, hidden + "/libnvidia-ml.so.1", ec);
-      run_monitor(env + " LD_LIBRARY_PATH=" + quoted(hidden) + ":\"$LD_LIBRARY_PATH\"", plugin);
+      run_monitor(env + " LD_LIBRARY_PATH=" + record::shell_word(hidden) + ":\"$LD_LIBRARY_PATH\"",
+                  program, plugin);
       nvml_bypassed = record::count_answers(root, "nvidia-smi") != 0;
     }
   }

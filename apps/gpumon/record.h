@@ -8,5 +8,7 @@
 #include <string>
 
 // Records into `folder`, which must be new or empty; the monitor runs from
-// `plugin`. Returns gpumon's exit code, with a message on stderr on failure.
-int record_machine(const std::string& folder, const std::string& plugin);
+// `plugin`, in runs of `program` (this gpumon). Returns gpumon's exit code,
+// with a message on stderr on failure.
+int record_machine(const std::string& folder, const std::string& plugin,
+                   const std::string& program);

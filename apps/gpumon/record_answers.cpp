@@ -13,13 +13,6 @@ namespace record {
 
 namespace {
 
-// A shell word holding `text` as it is.
-std::string quoted(const std::string& text) {
-  std::string word = "'";
-  for (char c : text) word += c == '\'' ? std::string("'\\''") : std::string(1, c);
-  return word + "'";
-}
-
 bool write_script(const fs::path& path, const std::string& text) {
   std::error_code ec;
   fs::create_directories(path.parent_path(), ec);
@@ -30,6 +23,12 @@ bool write_script(const fs::path& path, const std::string& text) {
 }
 
 }  // namespace
+
+std::string shell_word(const std::string& text) {
+  std::string word = "'";
+  for (char c : text) word += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return word + "'";
+}
 
 const std::vector<std::string>& recorded_tools() {
   static const std::vector<std::string> tools = {"nvidia-smi", "vcgencmd"};
@@ -63,12 +62,12 @@ std::vector<std::string> write_recording_shims(const std::string& shims,
         tool +
         " and keeps its answer for gpumon --record.\n"
         "dir=" +
-        quoted(answers) +
+        shell_word(answers) +
         "\n"
         "mkdir -p \"$dir\"\n"
         "n=$(printf '%04d' \"$(ls \"$dir\" | grep -c '\\.args$')\")\n"
         "printf '%s' \"$*\" > \"$dir/$n.args\"\n" +
-        quoted(real) +
+        shell_word(real) +
         " \"$@\" > \"$dir/$n.out\" 2>/dev/null\n"
         "rc=$?\n"
         "echo \"$rc\" > \"$dir/$n.rc\"\n"

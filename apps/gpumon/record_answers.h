@@ -12,6 +12,9 @@
 
 namespace record {
 
+// A shell word holding `text` as it is ('...', with ' written '\'').
+std::string shell_word(const std::string& text);
+
 // The tools whose answers are kept.
 const std::vector<std::string>& recorded_tools();
 
