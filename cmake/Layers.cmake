@@ -1,12 +1,16 @@
-# zev_layer(NAME SOURCES... [DEPENDS LAYER...])
+# zev_layer(NAME [NO_ALONE] SOURCES... [DEPENDS LAYER...])
 #   One layer of the monitor as a static library (position-independent,
 #   hidden symbols) that links the layers it depends on, and nothing above.
-#   Beside it, NAME_alone: the layer linked by itself into a shared library
-#   with -Wl,--no-undefined, with only what it depends on. A call into a
-#   layer above (a header included against the direction) leaves a symbol
-#   undefined there, and the build fails.
+#   Its objects are NAME_objects. Beside it, NAME_alone: the layer linked by
+#   itself into a shared library with -Wl,--no-undefined, with only what it
+#   depends on. A call into a layer above (a header included against the
+#   direction) leaves a symbol undefined there, and the build fails.
+#   NO_ALONE: a layer that cannot be linked alone because the layer above
+#   defines members its class declares (the plug-in core: the monitor's
+#   vtable names the overlay's drawing slots). The layer above checks it:
+#   its own alone link takes this one with it.
 function(zev_layer name)
-  cmake_parse_arguments(ARG "" "" "DEPENDS" ${ARGN})
+  cmake_parse_arguments(ARG "NO_ALONE" "" "DEPENDS" ${ARGN})
   add_library(${name}_objects OBJECT ${ARG_UNPARSED_ARGUMENTS})
   target_include_directories(${name}_objects PUBLIC ${PROJECT_SOURCE_DIR})
   target_link_libraries(${name}_objects PUBLIC ${ARG_DEPENDS})
@@ -22,8 +26,20 @@ function(zev_layer name)
 
   # The cross build of the plug-in alone links against the board's own
   # framework; the check runs in the full builds.
-  if(NOT ZEV_PLUGIN_ONLY)
+  if(ARG_NO_ALONE)
+    set_property(TARGET ${name} PROPERTY ZEV_NO_ALONE ON)
+  elseif(NOT ZEV_PLUGIN_ONLY)
     add_library(${name}_alone SHARED $<TARGET_OBJECTS:${name}_objects>)
+    # A layer below that has no check of its own comes whole, not as an
+    # archive the linker takes pieces of.
+    foreach(dep ${ARG_DEPENDS})
+      if(TARGET ${dep})
+        get_property(no_alone TARGET ${dep} PROPERTY ZEV_NO_ALONE)
+        if(no_alone)
+          target_sources(${name}_alone PRIVATE $<TARGET_OBJECTS:${dep}_objects>)
+        endif()
+      endif()
+    endforeach()
     target_link_libraries(${name}_alone PRIVATE ${ARG_DEPENDS})
     target_link_options(${name}_alone PRIVATE -Wl,--no-undefined)
     set_target_properties(${name}_alone PROPERTIES

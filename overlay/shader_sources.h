@@ -4,6 +4,11 @@
 // host supplies tulva_Position, tulva_Color and tulva_ModelViewProjectionMatrix.
 #pragma once
 
+// The overlay is the layer above the plug-in core: the core never includes it.
+#ifdef ZEV_PLUGIN_CORE
+#error "overlay/ is the layer above the plug-in core"
+#endif
+
 namespace overlay_shaders {
 
 inline constexpr const char* kQuadVertex150 =

@@ -20,6 +20,17 @@ bool GpuMonitorVorn::add_gpu(zev::GPU* gpu) {
   return true;
 }
 
+bool GpuMonitorVorn::register_found_gpu(zev::GPU* gpu) {
+  if (!add_gpu(gpu)) {
+    gpu_record::free_record_arrays(gpu);
+    delete gpu;
+    return false;
+  }
+  gpu->bus_id = gpu_record::placeholder_bus(num_gpus);
+  if (gpu->monitorable) ++num_monitorable_gpus;
+  return true;
+}
+
 zev::GPU* GpuMonitorVorn::create_nvml_gpu() {
   zev::GPU* gpu = new zev::GPU();
   add_nvml_gpu(gpu);

@@ -98,6 +98,10 @@ class GpuMonitorVorn : public zev::GpuMonitor {
   zev::GPU* nvml_get_gpu(unsigned long index) override;
   zev::GPU* create_gpu();
   bool add_gpu(zev::GPU* gpu);
+  // Adds a record a back-end's discovery found and returned (the list takes
+  // it over): its list slot, its placeholder bus number, and the count of
+  // monitorable records. A full list frees it and answers false.
+  bool register_found_gpu(zev::GPU* gpu);
   zev::GPU* create_nvml_gpu();
   bool add_nvml_gpu(zev::GPU* gpu);
   bool cleanup_gpus_list();
@@ -266,7 +270,7 @@ class GpuMonitorVorn : public zev::GpuMonitor {
   bool linux_drm_read_gpu_power(unsigned long card, unsigned long hwmon, unsigned long sensor,
                                 int* watts);
 
-  // Raspberry Pi back-end (backends/rpi/).
+  // Raspberry Pi back-end (backends/rpi/rpi_backend.h; plugin/rpi_members.cpp).
   // `model`: the board model; on boards other than a Pi 3, 4 or 5 nothing is added.
   bool linux_arm64_rpi_init_gpus(const char* model);
   bool linux_arm64_rpi_read_gpu_core_clock(float* mhz);

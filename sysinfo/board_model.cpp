@@ -4,6 +4,7 @@
 
 #include "io/text_file.h"
 #include "sysinfo/cpu_readers.h"
+#include "sysinfo/proc_parse.h"
 
 namespace board_model {
 
@@ -20,7 +21,9 @@ bool could_be_raspberry_pi() {
   if (!lines.open("/proc/cpuinfo")) return true;  // unknown: let the pipeline tell
   char line[512];
   while (lines.next(line, sizeof line)) {
-    if (std::strstr(line, "Model") != nullptr) return std::strstr(line, "Raspberry Pi") != nullptr;
+    const proc_parse::ModelLine kind = proc_parse::model_line(line);
+    if (kind != proc_parse::ModelLine::kNotModel)
+      return kind == proc_parse::ModelLine::kRaspberryPi;
   }
   return false;
 }

@@ -1,13 +1,10 @@
 // Readers that run one shell pipeline over /proc and take the first line of
-// its output.
+// its output; what the line means is proc_parse's.
 #include <cmath>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
 
 #include "io/command_pipe.h"
-#include "io/copy_text.h"
 #include "sysinfo/cpu_readers.h"
+#include "sysinfo/proc_parse.h"
 
 namespace sysinfo {
 
@@ -19,22 +16,19 @@ bool first_output_line(const char* command, char* line, int size) {
   return first_line_of(command, line, size) == PipeAnswer::kLine;
 }
 
-// Copies at most 127 characters of a line and cuts its last character, the
-// newline of every line these files give.
-bool read_text(const char* command, char* out) {
+// The first output line as a 128-byte text, its last character cut.
+bool read_chopped_first_line(const char* command, char* out) {
   if (out == nullptr) return false;
   char line[256];
   if (!first_output_line(command, line, 255)) return false;
-  copy_text(out, 128, line);
-  size_t length = std::strlen(out);
-  if (length > 0) out[length - 1] = '\0';
+  proc_parse::chopped_text(line, out);
   return true;
 }
 
-bool read_number(const char* command, long* out) {
+bool read_leading_number(const char* command, long* out) {
   char line[128];
   if (!first_output_line(command, line, 127)) return false;
-  *out = std::atoi(line);
+  *out = proc_parse::leading_number(line);
   return true;
 }
 
@@ -54,20 +48,21 @@ void warm_up_cpu() {
 }  // namespace
 
 bool read_cpu_name(char* name) {
-  return read_text("cat /proc/cpuinfo | grep \"model name\" | cut -c14-", name);
+  return read_chopped_first_line("cat /proc/cpuinfo | grep \"model name\" | cut -c14-", name);
 }
 
 bool read_board_model(char* name) {
-  return read_text("cat /proc/cpuinfo | grep \"Model\" | cut -c10-", name);
+  return read_chopped_first_line("cat /proc/cpuinfo | grep \"Model\" | cut -c10-", name);
 }
 
-bool read_os_name(char* name) { return read_text("uname -snr", name); }
+bool read_os_name(char* name) { return read_chopped_first_line("uname -snr", name); }
 
 bool read_cpu_speed_mhz_current(unsigned long* mhz) {
   if (mhz == nullptr) return false;
   warm_up_cpu();
   long value = 0;
-  if (!read_number("cat /proc/cpuinfo | grep \"cpu MHz\" | cut -c12-", &value)) return false;
+  if (!read_leading_number("cat /proc/cpuinfo | grep \"cpu MHz\" | cut -c12-", &value))
+    return false;
   *mhz = static_cast<unsigned long>(value);
   return true;
 }
@@ -75,9 +70,10 @@ bool read_cpu_speed_mhz_current(unsigned long* mhz) {
 bool read_mem_size_mb(unsigned long* mb) {
   if (mb == nullptr) return false;
   long kb = 0;
-  if (!read_number("cat /proc/meminfo | grep MemTotal | cut -c17-  | grep -o '[0-9]*'", &kb))
+  if (!read_leading_number("cat /proc/meminfo | grep MemTotal | cut -c17-  | grep -o '[0-9]*'",
+                           &kb))
     return false;
-  *mb = static_cast<unsigned long>(kb) >> 10;
+  *mb = proc_parse::mib_of_kib(kb);
   return true;
 }
 

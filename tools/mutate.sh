@@ -54,7 +54,7 @@ restore() {
 if [ "$check_only" -eq 1 ]; then
   tmp="$(mktemp -d)"
   trap 'rm -rf "$tmp"' EXIT
-  (cd "$root" && git ls-files -co --exclude-standard -- io plugin record sysinfo backends gpudb overlay apps | tar -cf - -T -) | tar -xf - -C "$tmp"
+  (cd "$root" && git ls-files -co --exclude-standard -- io plugin record sysinfo backends gpudb overlay apps host/include | tar -cf - -T -) | tar -xf - -C "$tmp"
   bad=0
   for m in "${mutations[@]}"; do
     if why=$(apply "$tmp" "$m"); then restore "$tmp" "$m"; else echo "NOT APPLIED: $why: $m"; bad=1; fi

@@ -2,78 +2,33 @@
 
 #include "json_report.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include <nlohmann/json.hpp>
 
 #include "zev/font.h"
 #include "zev/gl_host.h"
+#include "zev/gl_limits.h"
 #include "zev/gpu.h"
 #include "zev/scene.h"
 
 namespace {
 
-// The limits opengl_get_capability_4i answers, and how many values each has.
-const std::pair<const char*, int> kLimits[] = {
-    {"GL_MAX_TEXTURE_SIZE", 1},
-    {"GL_MAX_COMBINED_TEXTURE_IMAGE_UNITS", 1},
-    {"GL_MAX_VIEWPORT_DIMS", 1},
-    {"GL_MAX_VERTEX_TEXTURE_IMAGE_UNITS", 1},
-    {"GL_MAX_COLOR_ATTACHMENTS", 1},
-    {"GL_MAX_DRAW_BUFFERS", 1},
-    {"GL_MAX_SAMPLES", 1},
-    {"GL_MAX_COMPUTE_WORK_GROUP_COUNT", 3},
-    {"GL_MAX_COMPUTE_WORK_GROUP_SIZE", 3},
-    {"GL_MAX_SUBROUTINES", 1},
-    {"GL_MAX_ARRAY_TEXTURE_LAYERS", 1},
-    {"GL_MAX_VERTEX_STREAMS", 1},
-    {"GL_MAX_GEOMETRY_SHADER_INVOCATIONS", 1},
-    {"GL_MAX_PATCH_VERTICES", 1},
-    {"GL_MAX_TESS_GEN_LEVEL", 1},
-    {"GL_MAX_TRANSFORM_FEEDBACK_BUFFERS", 1},
-    {"GL_MAX_FRAMEBUFFER_WIDTH", 1},
-    {"GL_MAX_FRAMEBUFFER_HEIGHT", 1},
-    {"GL_MAX_FRAMEBUFFER_LAYERS", 1},
-    {"GL_MAX_FRAMEBUFFER_SAMPLES", 1},
-    {"GL_MAX_WIDTH", 1},
-    {"GL_MAX_HEIGHT", 1},
-    {"GL_MAX_DEPTH", 1},
-    {"GL_MAX_LAYERS", 1},
-    {"GL_MAX_COMBINED_DIMENSIONS", 1},
-    {"GL_MAX_VERTEX_ATTRIB_STRIDE", 1},
-    {"GL_MAX_ATOMIC_COUNTER_BUFFER_SIZE", 1},
-    {"GL_MAX_ATOMIC_COUNTER_BUFFER_BINDINGS", 1},
-    {"GL_MAX_COMBINED_ATOMIC_COUNTER_BUFFERS", 1},
-    {"GL_MAX_VERTEX_ATOMIC_COUNTERS", 1},
-    {"GL_MAX_FRAGMENT_ATOMIC_COUNTERS", 1},
-    {"GL_MAX_GEOMETRY_ATOMIC_COUNTERS", 1},
-    {"GL_MAX_TESS_CONTROL_ATOMIC_COUNTERS", 1},
-    {"GL_MAX_TESS_EVALUATION_ATOMIC_COUNTERS", 1},
-    {"GL_MAX_COMPUTE_ATOMIC_COUNTERS", 1},
-    {"GL_MAX_UNIFORM_BUFFER_BINDINGS", 1},
-    {"GL_MAX_UNIFORM_BLOCK_SIZE", 1},
-    {"GL_MAX_COMBINED_UNIFORM_BLOCKS", 1},
-    {"GL_MAX_VERTEX_UNIFORM_BLOCKS", 1},
-    {"GL_MAX_FRAGMENT_UNIFORM_BLOCKS", 1},
-    {"GL_MAX_GEOMETRY_UNIFORM_BLOCKS", 1},
-    {"GL_MAX_TESS_CONTROL_UNIFORM_BLOCKS", 1},
-    {"GL_MAX_TESS_EVALUATION_UNIFORM_BLOCKS", 1},
-    {"GL_MAX_COMPUTE_UNIFORM_BLOCKS", 1},
-    {"GL_MAX_SHADER_STORAGE_BLOCK_SIZE", 1},
-    {"GL_MAX_SHADER_STORAGE_BUFFER_BINDINGS", 1},
-    {"GL_MAX_VERTEX_SHADER_STORAGE_BLOCKS", 1},
-    {"GL_MAX_FRAGMENT_SHADER_STORAGE_BLOCKS", 1},
-    {"GL_MAX_GEOMETRY_SHADER_STORAGE_BLOCKS", 1},
-    {"GL_MAX_TESS_CONTROL_SHADER_STORAGE_BLOCKS", 1},
-    {"GL_MAX_TESS_EVALUATION_SHADER_STORAGE_BLOCKS", 1},
-    {"GL_MAX_COMPUTE_SHADER_STORAGE_BLOCKS", 1},
-    {"GL_MAX_COMBINED_SHADER_STORAGE_BLOCKS", 1},
-    {"GL_MAX_CULL_DISTANCES", 1},
-    {"GL_MAX_COMBINED_CLIP_AND_CULL_DISTANCES", 1},
-};
+// The limits opengl_get_capability_4i answers, in the order of the
+// monitor's gl_caps.
+std::vector<zev::GlLimit> limits_in_slot_order() {
+  std::vector<zev::GlLimit> limits(std::begin(zev::kGlLimits), std::end(zev::kGlLimits));
+  std::sort(limits.begin(), limits.end(), [](const zev::GlLimit& a, const zev::GlLimit& b) {
+    return a.first_slot < b.first_slot;
+  });
+  return limits;
+}
 
 // Colours of the GPUs' curves and texts, in GPU order.
 const float kPalette[][4] = {{0.3f, 1.0f, 0.3f, 1.0f},
@@ -188,7 +143,8 @@ int show_gl_info(zev::GpuMonitor* monitor, const Options& options) {
   doc["version_major"] = monitor->opengl_get_version_major();
   doc["version_minor"] = monitor->opengl_get_version_minor();
   nlohmann::ordered_json limits = nlohmann::ordered_json::object();
-  for (const auto& [name, count] : kLimits) {
+  const std::vector<zev::GlLimit> shown = limits_in_slot_order();
+  for (const auto& [name, slot, count] : shown) {
     int v[4] = {0, 0, 0, 0};
     monitor->opengl_get_capability_4i(name, &v[0], &v[1], &v[2], &v[3]);
     limits[name] =
@@ -209,7 +165,7 @@ int show_gl_info(zev::GpuMonitor* monitor, const Options& options) {
   std::printf("OpenGL renderer: %s\n", monitor->opengl_get_renderer());
   std::printf("OpenGL version:  %s (%d.%d)\n\nLimits:\n", monitor->opengl_get_version(),
               monitor->opengl_get_version_major(), monitor->opengl_get_version_minor());
-  for (const auto& [name, count] : kLimits) {
+  for (const auto& [name, slot, count] : shown) {
     int v[4] = {0, 0, 0, 0};
     monitor->opengl_get_capability_4i(name, &v[0], &v[1], &v[2], &v[3]);
     if (count == 1) {

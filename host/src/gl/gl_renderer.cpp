@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "zev/gl_limits.h"
 #include "zev/gpu_program.h"
 
 namespace zev_gl {
@@ -31,71 +32,18 @@ RenderWindow::~RenderWindow() = default;
 
 namespace {
 
-// The limits get_capability_4i knows, with how many values each has.
+// The limits get_capability_4i knows (zev/gl_limits.h): how each is read,
+// and how many values.
 struct Limit {
   const char* name;
   GLenum value;
+  GlLimitQuery query;
   int count;
 };
 
-const Limit kLimits[] = {
-    {"GL_MAX_COMPUTE_WORK_GROUP_COUNT", GL_MAX_COMPUTE_WORK_GROUP_COUNT, -3},
-    {"GL_MAX_COMPUTE_WORK_GROUP_SIZE", GL_MAX_COMPUTE_WORK_GROUP_SIZE, -3},
-    {"GL_MAX_VIEWPORT_DIMS", GL_MAX_VIEWPORT_DIMS, 2},
-    {"GL_MAX_VERTEX_TEXTURE_IMAGE_UNITS", GL_MAX_VERTEX_TEXTURE_IMAGE_UNITS, 1},
-    {"GL_MAX_COLOR_ATTACHMENTS", GL_MAX_COLOR_ATTACHMENTS, 1},
-    {"GL_MAX_DRAW_BUFFERS", GL_MAX_DRAW_BUFFERS, 1},
-    {"GL_MAX_TEXTURE_SIZE", GL_MAX_TEXTURE_SIZE, 1},
-    {"GL_MAX_COMBINED_TEXTURE_IMAGE_UNITS", GL_MAX_COMBINED_TEXTURE_IMAGE_UNITS, 1},
-    {"GL_MAX_ARRAY_TEXTURE_LAYERS", GL_MAX_ARRAY_TEXTURE_LAYERS, 1},
-    {"GL_MAX_VERTEX_STREAMS", GL_MAX_VERTEX_STREAMS, 1},
-    {"GL_MAX_GEOMETRY_SHADER_INVOCATIONS", GL_MAX_GEOMETRY_SHADER_INVOCATIONS, 1},
-    {"GL_MAX_PATCH_VERTICES", GL_MAX_PATCH_VERTICES, 1},
-    {"GL_MAX_TESS_GEN_LEVEL", GL_MAX_TESS_GEN_LEVEL, 1},
-    {"GL_MAX_TRANSFORM_FEEDBACK_BUFFERS", GL_MAX_TRANSFORM_FEEDBACK_BUFFERS, 1},
-    {"GL_MAX_SUBROUTINES", GL_MAX_SUBROUTINES, 1},
-    {"GL_MAX_FRAMEBUFFER_WIDTH", GL_MAX_FRAMEBUFFER_WIDTH, 1},
-    {"GL_MAX_FRAMEBUFFER_HEIGHT", GL_MAX_FRAMEBUFFER_HEIGHT, 1},
-    {"GL_MAX_FRAMEBUFFER_LAYERS", GL_MAX_FRAMEBUFFER_LAYERS, 1},
-    {"GL_MAX_FRAMEBUFFER_SAMPLES", GL_MAX_FRAMEBUFFER_SAMPLES, 1},
-    {"GL_MAX_WIDTH", GL_MAX_WIDTH, 0},
-    {"GL_MAX_HEIGHT", GL_MAX_HEIGHT, 0},
-    {"GL_MAX_DEPTH", GL_MAX_DEPTH, 0},
-    {"GL_MAX_LAYERS", GL_MAX_LAYERS, 0},
-    {"GL_MAX_COMBINED_DIMENSIONS", GL_MAX_COMBINED_DIMENSIONS, 0},
-    {"GL_MAX_VERTEX_ATTRIB_STRIDE", GL_MAX_VERTEX_ATTRIB_STRIDE, 1},
-    {"GL_MAX_SAMPLES", GL_MAX_SAMPLES, 1},
-    {"GL_MAX_UNIFORM_BUFFER_BINDINGS", GL_MAX_UNIFORM_BUFFER_BINDINGS, 1},
-    {"GL_MAX_UNIFORM_BLOCK_SIZE", GL_MAX_UNIFORM_BLOCK_SIZE, 1},
-    {"GL_MAX_VERTEX_UNIFORM_BLOCKS", GL_MAX_VERTEX_UNIFORM_BLOCKS, 1},
-    {"GL_MAX_FRAGMENT_UNIFORM_BLOCKS", GL_MAX_FRAGMENT_UNIFORM_BLOCKS, 1},
-    {"GL_MAX_GEOMETRY_UNIFORM_BLOCKS", GL_MAX_GEOMETRY_UNIFORM_BLOCKS, 1},
-    {"GL_MAX_TESS_CONTROL_UNIFORM_BLOCKS", GL_MAX_TESS_CONTROL_UNIFORM_BLOCKS, 1},
-    {"GL_MAX_TESS_EVALUATION_UNIFORM_BLOCKS", GL_MAX_TESS_EVALUATION_UNIFORM_BLOCKS, 1},
-    {"GL_MAX_COMPUTE_UNIFORM_BLOCKS", GL_MAX_COMPUTE_UNIFORM_BLOCKS, 1},
-    {"GL_MAX_COMBINED_UNIFORM_BLOCKS", GL_MAX_COMBINED_UNIFORM_BLOCKS, 1},
-    {"GL_MAX_SHADER_STORAGE_BLOCK_SIZE", GL_MAX_SHADER_STORAGE_BLOCK_SIZE, 1},
-    {"GL_MAX_SHADER_STORAGE_BUFFER_BINDINGS", GL_MAX_SHADER_STORAGE_BUFFER_BINDINGS, 1},
-    {"GL_MAX_VERTEX_SHADER_STORAGE_BLOCKS", GL_MAX_VERTEX_SHADER_STORAGE_BLOCKS, 1},
-    {"GL_MAX_FRAGMENT_SHADER_STORAGE_BLOCKS", GL_MAX_FRAGMENT_SHADER_STORAGE_BLOCKS, 1},
-    {"GL_MAX_GEOMETRY_SHADER_STORAGE_BLOCKS", GL_MAX_GEOMETRY_SHADER_STORAGE_BLOCKS, 1},
-    {"GL_MAX_TESS_CONTROL_SHADER_STORAGE_BLOCKS", GL_MAX_TESS_CONTROL_SHADER_STORAGE_BLOCKS, 1},
-    {"GL_MAX_TESS_EVALUATION_SHADER_STORAGE_BLOCKS", GL_MAX_TESS_EVALUATION_SHADER_STORAGE_BLOCKS,
-     1},
-    {"GL_MAX_COMPUTE_SHADER_STORAGE_BLOCKS", GL_MAX_COMPUTE_SHADER_STORAGE_BLOCKS, 1},
-    {"GL_MAX_COMBINED_SHADER_STORAGE_BLOCKS", GL_MAX_COMBINED_SHADER_STORAGE_BLOCKS, 1},
-    {"GL_MAX_ATOMIC_COUNTER_BUFFER_SIZE", GL_MAX_ATOMIC_COUNTER_BUFFER_SIZE, 1},
-    {"GL_MAX_ATOMIC_COUNTER_BUFFER_BINDINGS", GL_MAX_ATOMIC_COUNTER_BUFFER_BINDINGS, 1},
-    {"GL_MAX_COMBINED_ATOMIC_COUNTER_BUFFERS", GL_MAX_COMBINED_ATOMIC_COUNTER_BUFFERS, 1},
-    {"GL_MAX_VERTEX_ATOMIC_COUNTERS", GL_MAX_VERTEX_ATOMIC_COUNTERS, 1},
-    {"GL_MAX_FRAGMENT_ATOMIC_COUNTERS", GL_MAX_FRAGMENT_ATOMIC_COUNTERS, 1},
-    {"GL_MAX_GEOMETRY_ATOMIC_COUNTERS", GL_MAX_GEOMETRY_ATOMIC_COUNTERS, 1},
-    {"GL_MAX_TESS_CONTROL_ATOMIC_COUNTERS", GL_MAX_TESS_CONTROL_ATOMIC_COUNTERS, 1},
-    {"GL_MAX_TESS_EVALUATION_ATOMIC_COUNTERS", GL_MAX_TESS_EVALUATION_ATOMIC_COUNTERS, 1},
-    {"GL_MAX_COMPUTE_ATOMIC_COUNTERS", GL_MAX_COMPUTE_ATOMIC_COUNTERS, 1},
-    {"GL_MAX_CULL_DISTANCES", GL_MAX_CULL_DISTANCES, 1},
-    {"GL_MAX_COMBINED_CLIP_AND_CULL_DISTANCES", GL_MAX_COMBINED_CLIP_AND_CULL_DISTANCES, 1},
-};
+#define ZEV_LIMIT(name, query, read, first_slot, kept) {#name, name, GlLimitQuery::query, read},
+const Limit kLimits[] = {ZEV_GL_LIMITS(ZEV_LIMIT)};
+#undef ZEV_LIMIT
 
 // The blending codes of zev::BlendFactor, in code order.
 const GLenum kBlendFactors[] = {GL_ONE_MINUS_SRC_ALPHA, GL_ONE,       GL_SRC_COLOR,
@@ -182,17 +130,16 @@ bool GlRenderer::get_capability_4i(const char* name, int* v0, int* v1, int* v2, 
   for (const Limit& limit : kLimits) {
     if (std::strcmp(limit.name, name) != 0) continue;
     GLint values[4] = {0, 0, 0, 0};
-    int count = limit.count;
-    if (count < 0) {  // indexed limits, one query per axis
-      count = -count;
-      for (int i = 0; i < count; ++i)
-        glGetIntegeri_v(limit.value, static_cast<GLuint>(i), &values[i]);
-    } else if (count == 0) {
-      // Internal-format limits: of the RGBA8 2D texture format.
-      count = 1;
-      glGetInternalformativ(GL_TEXTURE_2D, GL_RGBA8, limit.value, 1, values);
-    } else {
-      glGetIntegerv(limit.value, values);
+    const int count = limit.count;
+    switch (limit.query) {
+      case GlLimitQuery::kIndexed:  // one query per axis
+        for (int i = 0; i < count; ++i)
+          glGetIntegeri_v(limit.value, static_cast<GLuint>(i), &values[i]);
+        break;
+      case GlLimitQuery::kInternalFormat:  // of the RGBA8 2D texture format
+        glGetInternalformativ(GL_TEXTURE_2D, GL_RGBA8, limit.value, 1, values);
+        break;
+      case GlLimitQuery::kPlain: glGetIntegerv(limit.value, values); break;
     }
     // A limit the context does not know raises an error and writes nothing.
     if (glGetError() != GL_NO_ERROR) return false;
