@@ -12,7 +12,7 @@
 #include <thread>
 #include <vector>
 
-#include "tests/drm/drm_test_files.h"
+#include "drm_host.h"
 
 namespace {
 

@@ -12,8 +12,8 @@
 #include <string>
 #include <vector>
 
+#include "drm_host.h"
 #include "plugin/gpu_monitor_vorn.h"
-#include "tests/drm/drm_test_files.h"
 
 namespace {
 

@@ -16,12 +16,12 @@
 #include <functional>
 #include <thread>
 
-#include "serve_support.h"
+#include "serve_client.h"
 #include "test_support.h"
 
 namespace {
 
-using namespace serve_support;
+using namespace serve_client;
 using Clock = std::chrono::steady_clock;
 
 #if defined(__SANITIZE_ADDRESS__)

@@ -18,13 +18,13 @@
 
 #include "metric_text.h"
 #include "metrics.h"
-#include "serve_support.h"
+#include "serve_client.h"
 #include "test_support.h"
 
 namespace {
 
 using namespace testing_support;
-using namespace serve_support;
+using namespace serve_client;
 
 std::string built_machine(const std::string& name) {
   return std::string(ZEV_BIN_DIR) + "/../machines/" + name;
