@@ -80,6 +80,12 @@ void TempMachine::write(const std::string& path, const std::string& contents) {
   out << contents;
 }
 
+std::string test_name(std::string name) {
+  for (char& c : name)
+    if (c == '-' || c == '.') c = '_';
+  return name;
+}
+
 std::vector<std::string> lines_of(const std::string& text) {
   std::vector<std::string> lines;
   std::istringstream in(text);

@@ -102,6 +102,10 @@ class TempMachine {
   std::string dir_;
 };
 
+// A machine's (or any) name as the name of a parameterised test: '-' and
+// '.' as '_'.
+std::string test_name(std::string name);
+
 // The lines of a text, without their newlines.
 std::vector<std::string> lines_of(const std::string& text);
 
