@@ -19,12 +19,14 @@
 #include <thread>
 #include <vector>
 
-#include "serve_support.h"
+#include "serve_client.h"
 #include "test_support.h"
 
 namespace {
 
-using namespace serve_support;
+using namespace serve_client;
+using testing_support::spawn;
+using testing_support::stop;
 using Clock = std::chrono::steady_clock;
 
 struct Exporter {

@@ -80,6 +80,16 @@ FieldValue pcie_throughput(const GPU& gpu, uint32_t kilobytes_per_second) {
   return FieldValue::of(kilobytes_per_second);
 }
 
+// One part (current, min, max) of a temperature slot of the record.
+template <gpu_record::TemperatureSlot kSlot, float zev::gpuTemperature::*kPart>
+FieldValue temperature(const GpuView& v) {
+  return FieldValue::reading(v.gpu->temperatures[kSlot].*kPart);
+}
+
+using gpu_record::kCoreTemperature;
+using gpu_record::kMemoryTemperature;
+using zev::gpuTemperature;
+
 // The throttle reasons are read by NVML refreshes only; the text says so.
 bool throttle_known(const GPU& gpu) { return gpu.throttle_reason_text[0] != '\0'; }
 
@@ -198,33 +208,19 @@ const std::vector<GpuField> kFields = {
        return mj > 0.0f ? FieldValue::reading(mj, 1000.0) : FieldValue::unknown();
      }},
     {"temperature.gpu", "temperature_c.core", "C", "core temperature",
-     [](const GpuView& v) {
-       return FieldValue::reading(v.gpu->temperatures[gpu_record::kCoreTemperature].current);
-     }},
+     temperature<kCoreTemperature, &gpuTemperature::current>},
     {"temperature.gpu.lowest", "temperature_c.core_lowest", "C",
-     "lowest core temperature since start",
-     [](const GpuView& v) {
-       return FieldValue::reading(v.gpu->temperatures[gpu_record::kCoreTemperature].min);
-     }},
+     "lowest core temperature since start", temperature<kCoreTemperature, &gpuTemperature::min>},
     {"temperature.gpu.highest", "temperature_c.core_highest", "C",
-     "highest core temperature since start",
-     [](const GpuView& v) {
-       return FieldValue::reading(v.gpu->temperatures[gpu_record::kCoreTemperature].max);
-     }},
+     "highest core temperature since start", temperature<kCoreTemperature, &gpuTemperature::max>},
     {"temperature.memory", "temperature_c.memory", "C", "memory temperature",
-     [](const GpuView& v) {
-       return FieldValue::reading(v.gpu->temperatures[gpu_record::kMemoryTemperature].current);
-     }},
+     temperature<kMemoryTemperature, &gpuTemperature::current>},
     {"temperature.memory.lowest", "temperature_c.memory_lowest", "C",
      "lowest memory temperature since start",
-     [](const GpuView& v) {
-       return FieldValue::reading(v.gpu->temperatures[gpu_record::kMemoryTemperature].min);
-     }},
+     temperature<kMemoryTemperature, &gpuTemperature::min>},
     {"temperature.memory.highest", "temperature_c.memory_highest", "C",
      "highest memory temperature since start",
-     [](const GpuView& v) {
-       return FieldValue::reading(v.gpu->temperatures[gpu_record::kMemoryTemperature].max);
-     }},
+     temperature<kMemoryTemperature, &gpuTemperature::max>},
     {"temperature.shutdown", "temperature_c.shutdown_threshold", "C",
      "temperature at which the GPU shuts down (NVML)",
      [](const GpuView& v) { return threshold(v.gpu->temperature_thresholds[0]); }},

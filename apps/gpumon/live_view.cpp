@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "exit_codes.h"
 #include "gpu_selection.h"
 #include "json_report.h"
 #include "live_layout.h"

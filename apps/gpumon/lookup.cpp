@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 #include <vector>
 
+#include "exit_codes.h"
 #include "gpudb/gpu_db.h"
 #include "gpudb/vendor_tables.h"
 #include "json_report.h"
@@ -92,7 +93,7 @@ int run_lookup(const std::string& id, bool as_json) {
   if (!parse_id(id, &pci)) {
     std::fprintf(stderr, "gpumon: --lookup needs VENDOR:DEVICE[:REV] in hex, not '%s'\n",
                  id.c_str());
-    return 2;
+    return kExitUsage;
   }
   const int index = static_cast<int>(
       pci.has_revision ? gpudb::index_of_revision(pci.vendor, pci.device, pci.revision_text)
@@ -142,7 +143,7 @@ int run_lookup(const std::string& id, bool as_json) {
     }
     doc["boards"] = board_rows;
     std::printf("%s\n", dump_json(doc, true).c_str());
-    return row ? 0 : 1;
+    return row ? kExitOk : kExitNotFound;
   }
 
   std::printf("%s (%s)\n", pci_text, vendor_name(pci.vendor));
@@ -174,5 +175,5 @@ int run_lookup(const std::string& id, bool as_json) {
     std::printf("  board %04X:%04X rev %s: %s\n", b->subvendor, b->subdevice,
                 text_or_dash(board_table.revision(*b)).c_str(), board_table.marketing_name(*b));
   }
-  return row ? 0 : 1;
+  return row ? kExitOk : kExitNotFound;
 }

@@ -5,6 +5,6 @@
 #include <string>
 
 // Parses "VENDOR:DEVICE[:REV]" (hex) and prints the database's answer, as
-// text or as a JSON document. Returns the process exit code: 0 found,
-// 1 unknown id, 2 malformed argument.
+// text or as a JSON document. Returns the process exit code: kExitOk found,
+// kExitNotFound unknown id, kExitUsage malformed argument.
 int run_lookup(const std::string& id, bool json);

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "csv_query.h"
+#include "exit_codes.h"
 #include "gpu_selection.h"
 #include "json_report.h"
 #include "live_view.h"

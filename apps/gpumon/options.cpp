@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "gpu_selection.h"
 #include "nvsmi_names.h"
@@ -69,6 +70,13 @@ const option kLongOptions[] = {
     {nullptr, 0, nullptr, 0},
 };
 
+// The options that take no value, and what each of them sets.
+const std::pair<int, bool Options::*> kFlags[] = {
+    {kJson, &Options::json},       {'h', &Options::help},      {kHelpQuery, &Options::help_query},
+    {kVersion, &Options::version}, {kTrace, &Options::trace},  {kGlInfo, &Options::gl_info},
+    {kWide, &Options::wide},       {kNoTui, &Options::no_tui},
+};
+
 // The items of a comma-separated list, blanks around them dropped.
 std::vector<std::string> split_list(const std::string& text) {
   std::vector<std::string> items;
@@ -105,15 +113,13 @@ bool apply(int id, const char* v, Options* o, bool* format_given, std::string* e
     *error = message + ", not '" + value + "'";
     return false;
   };
+  for (const auto& [flag, member] : kFlags) {
+    if (id == flag) {
+      o->*member = true;
+      return true;
+    }
+  }
   switch (id) {
-    case kJson: o->json = true; return true;
-    case 'h': o->help = true; return true;
-    case kHelpQuery: o->help_query = true; return true;
-    case kVersion: o->version = true; return true;
-    case kTrace: o->trace = true; return true;
-    case kGlInfo: o->gl_info = true; return true;
-    case kWide: o->wide = true; return true;
-    case kNoTui: o->no_tui = true; return true;
     case kMachine:
       // An empty folder name must not fall back to the real machine.
       if (value.empty()) return fail("--machine needs a machine folder");

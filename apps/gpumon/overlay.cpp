@@ -1,5 +1,6 @@
 #include "overlay.h"
 
+#include "exit_codes.h"
 #include "json_report.h"
 
 #include <algorithm>
@@ -92,12 +93,12 @@ int render_overlay(zev::GpuMonitor* monitor, const Options& options, const Usage
   std::unique_ptr<zev::GlHost> host = zev::GlHost::create(host_options(options), &error);
   if (!host) {
     std::fprintf(stderr, "gpumon: cannot render the overlay: %s\n", error.c_str());
-    return 4;
+    return kExitOpenGl;
   }
   monitor->set_viewport(0, 0, host->width(), host->height());
   if (!monitor->graph2d_init(host->renderer())) {
     std::fprintf(stderr, "gpumon: no overlay: the monitor has no GPU to show\n");
-    return 1;
+    return kExitNotFound;
   }
   // The camera takes its projection from a viewport set after initialisation.
   monitor->set_viewport(0, 0, host->width(), host->height());
@@ -116,13 +117,13 @@ int render_overlay(zev::GpuMonitor* monitor, const Options& options, const Usage
   monitor->graph2d_cleanup(host->renderer());
   if (!drew) {
     std::fprintf(stderr, "gpumon: the overlay could not be drawn\n");
-    return 4;
+    return kExitOpenGl;
   }
   if (!written) {
     std::fprintf(stderr, "gpumon: %s\n", error.c_str());
-    return 4;
+    return kExitFile;
   }
-  return 0;
+  return kExitOk;
 }
 
 int show_gl_info(zev::GpuMonitor* monitor, const Options& options) {
@@ -132,7 +133,7 @@ int show_gl_info(zev::GpuMonitor* monitor, const Options& options) {
   std::unique_ptr<zev::GlHost> host = zev::GlHost::create(small, &error);
   if (!host) {
     std::fprintf(stderr, "gpumon: no OpenGL context: %s\n", error.c_str());
-    return 4;
+    return kExitOpenGl;
   }
   monitor->opengl_init(host->renderer(), host->window());
   nlohmann::ordered_json doc;
@@ -159,7 +160,7 @@ int show_gl_info(zev::GpuMonitor* monitor, const Options& options) {
   doc["extensions"] = extensions;
   if (options.json) {
     std::printf("%s\n", doc.dump(2).c_str());
-    return 0;
+    return kExitOk;
   }
   std::printf("OpenGL vendor:   %s\n", monitor->opengl_get_vendor());
   std::printf("OpenGL renderer: %s\n", monitor->opengl_get_renderer());
@@ -176,5 +177,5 @@ int show_gl_info(zev::GpuMonitor* monitor, const Options& options) {
   }
   std::printf("\nExtensions (%lu):\n", monitor->opengl_get_num_extensions());
   for (const auto& name : extensions) std::printf("    %s\n", name.get<std::string>().c_str());
-  return 0;
+  return kExitOk;
 }

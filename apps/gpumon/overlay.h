@@ -12,10 +12,10 @@ using UsageHistory = std::vector<std::vector<float>>;
 
 void record_usages(zev::GpuMonitor* monitor, UsageHistory* history);
 
-// Exit codes: 0 written, 1 no GPU to show, 4 no context or the file cannot
-// be written (nothing is left half-written).
+// Exit codes: kExitOk written, kExitNotFound no GPU to show, kExitOpenGl no
+// context, kExitFile the file cannot be written (nothing is left half-written).
 int render_overlay(zev::GpuMonitor* monitor, const Options& options, const UsageHistory& history);
 
 // Vendor, renderer, version, the named limits and the extensions, as text or
-// JSON. Exit code 4 when no context can be made.
+// JSON. kExitOpenGl when no context can be made.
 int show_gl_info(zev::GpuMonitor* monitor, const Options& options);

@@ -10,7 +10,7 @@
 #include <nlohmann/json.hpp>
 #include <vector>
 
-#include "options.h"
+#include "exit_codes.h"
 #include "record_answers.h"
 #include "record_files.h"
 

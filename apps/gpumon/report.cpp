@@ -2,45 +2,88 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstdlib>
-#include <sstream>
 
 #include "gpu_fields.h"
-#include "record/record_slots.h"
 
 namespace {
 
 // The widest the default table gets.
 constexpr size_t kTableWidth = 120;
 
-bool known(float v) { return v != -1.0f; }
+// Which tables show a column: both, the plain one or the --wide one.
+enum class Shown { kBoth, kPlain, kWide };
 
-std::string hex4(uint64_t v) {
-  char text[32];
-  std::snprintf(text, sizeof text, "%04llX", static_cast<unsigned long long>(v));
-  return text;
+// How a column shows its fields.
+enum class Form {
+  kFirstKnown,    // the first known of the fields
+  kRange,         // "61 (40-82)": the value, and its lowest and highest when all are known
+  kUsedOfTotal,   // "2048/8176", the total alone while the used is unknown
+  kCounts,        // "3584/224/64", "-" when none is known
+  kVendorDevice,  // "1002:744C" of pci.device_id's "0x744C1002"
+  kEveryFan,      // every fan's speed, from the record (the fields hold the first fan's)
+};
+
+// A column of the table: the fields it shows, by their --query names (the
+// field table reads them, as for JSON, CSV and the metrics).
+struct Column {
+  const char* header;
+  Shown shown;
+  Form form;
+  const char* fields[3];
+};
+
+const Column kColumns[] = {
+    {"GPU", Shown::kBoth, Form::kFirstKnown, {"index"}},
+    {"Name", Shown::kBoth, Form::kFirstKnown, {"name"}},
+    {"PCI", Shown::kBoth, Form::kFirstKnown, {"pci.bus_id"}},
+    // The kernel driver's name; NVIDIA's back-ends know only its version.
+    {"Driver", Shown::kBoth, Form::kFirstKnown, {"driver_name", "driver_version"}},
+    {"ID", Shown::kWide, Form::kVendorDevice, {"pci.device_id"}},
+    {"Rev", Shown::kWide, Form::kFirstKnown, {"pci.revision"}},
+    {"Bus", Shown::kWide, Form::kFirstKnown, {"pci.bus"}},
+    {"Chip", Shown::kWide, Form::kFirstKnown, {"codename"}},
+    {"Shaders/TMUs/ROPs",
+     Shown::kWide,
+     Form::kCounts,
+     {"units.shaders", "units.texture", "units.rops"}},
+    {"TDP W", Shown::kWide, Form::kFirstKnown, {"power.tdp"}},
+    {"Temp C", Shown::kPlain, Form::kFirstKnown, {"temperature.gpu"}},
+    {"Temp C",
+     Shown::kWide,
+     Form::kRange,
+     {"temperature.gpu", "temperature.gpu.lowest", "temperature.gpu.highest"}},
+    {"Mem C", Shown::kBoth, Form::kFirstKnown, {"temperature.memory"}},
+    {"Core %", Shown::kBoth, Form::kFirstKnown, {"utilization.gpu"}},
+    {"Mem %", Shown::kBoth, Form::kFirstKnown, {"utilization.memory"}},
+    {"VRAM MiB", Shown::kWide, Form::kUsedOfTotal, {"memory.used", "memory.total"}},
+    {"Core MHz", Shown::kBoth, Form::kFirstKnown, {"clocks.gr"}},
+    {"Mem MHz", Shown::kBoth, Form::kFirstKnown, {"clocks.mem"}},
+    {"Power W", Shown::kBoth, Form::kFirstKnown, {"power.draw"}},
+    {"Fans", Shown::kBoth, Form::kEveryFan, {}},
+};
+
+bool in_table(const Column& column, bool wide) {
+  return column.shown == Shown::kBoth || column.shown == (wide ? Shown::kWide : Shown::kPlain);
 }
 
-// Unit counts from the database: 0 is "not known", and so is -1 stored in an
-// unsigned field.
-bool count_known(uint32_t v) { return v != 0 && v != 0xFFFFFFFFu; }
-
-std::string count_text(uint32_t v) { return count_known(v) ? std::to_string(v) : "-"; }
-
-std::string units_text(const zev::GPU* gpu) {
-  if (!count_known(gpu->num_shader_cores) && !count_known(gpu->num_texture_units) &&
-      !count_known(gpu->num_rops))
-    return "-";
-  return count_text(gpu->num_shader_cores) + "/" + count_text(gpu->num_texture_units) + "/" +
-         count_text(gpu->num_rops);
-}
-
-std::string with_range(float current, float min, float max) {
-  std::string text = format_value(current, 0);
-  if (known(current) && known(min) && known(max)) {
-    text += " (" + format_value(min, 0) + "-" + format_value(max, 0) + ")";
+// A value as the table shows it: numbers whole, "-" when unknown.
+std::string shown(const FieldValue& value) {
+  switch (value.kind) {
+    case FieldValue::kNumber: {
+      char text[64];
+      std::snprintf(text, sizeof text, "%.0f", value.number);
+      return text;
+    }
+    case FieldValue::kText: return value.text;
+    case FieldValue::kBool: return value.flag ? "yes" : "no";
+    case FieldValue::kUnknown: break;
   }
-  return text;
+  return "-";
+}
+
+std::string field_text(const char* name, const GpuView& view) {
+  const GpuField* field = name != nullptr ? find_query_field(name) : nullptr;
+  return shown(field != nullptr ? field->read(view) : FieldValue::unknown());
 }
 
 // Every fan's speed: "1320,1315,0 rpm", "30,31%", or "-"; a fan known only
@@ -50,12 +93,10 @@ std::string fans_text(const zev::GPU* gpu) {
   std::vector<std::string> values;
   std::vector<std::string> units;
   for (uint64_t i = 0; i < gpu->num_fans; ++i) {
-    const zev::gpuFanSpeed& fan = gpu->fans[i];
-    const bool rpm = known(fan.rpm);
-    values.push_back(rpm                        ? format_value(fan.rpm, 0)
-                     : known(fan.speed_percent) ? format_value(fan.speed_percent, 0)
-                                                : "-");
-    units.push_back(rpm ? " rpm" : known(fan.speed_percent) ? "%" : "");
+    const FieldValue rpm = FieldValue::reading(gpu->fans[i].rpm);
+    const FieldValue percent = FieldValue::reading(gpu->fans[i].speed_percent);
+    values.push_back(shown(rpm.known() ? rpm : percent));
+    units.push_back(rpm.known() ? " rpm" : percent.known() ? "%" : "");
   }
   const bool one_unit =
       std::all_of(units.begin(), units.end(), [&](const std::string& u) { return u == units[0]; });
@@ -67,24 +108,24 @@ std::string fans_text(const zev::GPU* gpu) {
   return one_unit ? text + units[0] : text;
 }
 
-// The kernel driver's name; NVIDIA's back-ends know only its version.
-std::string driver_text(const zev::GPU* gpu) {
-  if (gpu->driver_name[0] != '\0') return gpu->driver_name;
-  return gpu->driver_version[0] != '\0' ? gpu->driver_version : "-";
-}
-
-// Video memory in MiB: "used/total", the total alone, or "-".
-std::string vram_text(const zev::GPU* gpu) {
-  const std::string total = gpu->vram_size_mb > 0 ? std::to_string(gpu->vram_size_mb) : "-";
-  if (gpu->vram_used_mb < 0) return total;
-  return std::to_string(gpu->vram_used_mb) + "/" + total;
-}
-
-// A field's text as --query shows it ("-" when unknown).
-std::string field_text(const char* name, const GpuView& view) {
-  const GpuField* field = find_query_field(name);
-  const FieldValue value = field != nullptr ? field->read(view) : FieldValue::unknown();
-  return value.kind == FieldValue::kText ? value.text : "-";
+std::string cell(const Column& column, const GpuView& view) {
+  std::string shown[3];
+  for (int i = 0; i < 3; ++i) shown[i] = field_text(column.fields[i], view);
+  switch (column.form) {
+    case Form::kFirstKnown:
+      return shown[0] != "-" || column.fields[1] == nullptr ? shown[0] : shown[1];
+    case Form::kRange:
+      if (shown[0] == "-" || shown[1] == "-" || shown[2] == "-") return shown[0];
+      return shown[0] + " (" + shown[1] + "-" + shown[2] + ")";
+    case Form::kUsedOfTotal: return shown[0] == "-" ? shown[1] : shown[0] + "/" + shown[1];
+    case Form::kCounts:
+      if (shown[0] == "-" && shown[1] == "-" && shown[2] == "-") return "-";
+      return shown[0] + "/" + shown[1] + "/" + shown[2];
+    case Form::kVendorDevice:
+      return shown[0] == "-" ? shown[0] : shown[0].substr(6, 4) + ":" + shown[0].substr(2, 4);
+    case Form::kEveryFan: return fans_text(view.gpu);
+  }
+  return "-";
 }
 
 // The rows as columns two blanks apart; with a `limit`, the names (column 1)
@@ -121,49 +162,14 @@ std::string columns(std::vector<std::vector<std::string>> rows, size_t limit) {
 
 }  // namespace
 
-std::string format_value(float value, int decimals) {
-  if (!known(value)) return "-";
-  char text[64];
-  std::snprintf(text, sizeof text, "%.*f", decimals, static_cast<double>(value));
-  return text;
-}
-
 std::string render_table(zev::GpuMonitor* monitor, const std::vector<GpuView>& gpus, bool wide) {
-  std::vector<std::string> header = {"GPU",    "Name",  "PCI",      "Driver",  "Temp C",  "Mem C",
-                                     "Core %", "Mem %", "Core MHz", "Mem MHz", "Power W", "Fans"};
-  if (wide) {
-    header.insert(header.begin() + 4, {"ID", "Rev", "Bus", "Chip", "Shaders/TMUs/ROPs", "TDP W"});
-    header.insert(header.begin() + 14, "VRAM MiB");
-  }
-  std::vector<std::vector<std::string>> rows = {header};
+  std::vector<std::vector<std::string>> rows(1);
+  for (const Column& column : kColumns)
+    if (in_table(column, wide)) rows[0].push_back(column.header);
   for (const GpuView& view : gpus) {
-    const zev::GPU* gpu = view.gpu;
-    std::vector<std::string> row = {
-        std::to_string(view.slot),
-        display_name(*gpu)[0] ? display_name(*gpu) : "-",
-        view.pci_address.empty() ? "-" : view.pci_address,
-        driver_text(gpu),
-        wide ? with_range(gpu->temperatures[gpu_record::kCoreTemperature].current,
-                          gpu->temperatures[gpu_record::kCoreTemperature].min,
-                          gpu->temperatures[gpu_record::kCoreTemperature].max)
-             : format_value(gpu->temperatures[gpu_record::kCoreTemperature].current, 0),
-        format_value(gpu->temperatures[gpu_record::kMemoryTemperature].current, 0),
-        format_value(gpu->core_usage[0], 0),
-        format_value(gpu->memory_usage[0], 0),
-        format_value(gpu->core_clock.current, 0),
-        format_value(gpu->memory_clock.current, 0),
-        format_value(gpu->power.watts, 0),
-        fans_text(gpu),
-    };
-    if (wide) {
-      const bool pci = gpu->vendor_id != 0 || gpu->device_id != 0;
-      row.insert(row.begin() + 4,
-                 {pci ? hex4(gpu->vendor_id) + ":" + hex4(gpu->device_id) : "-",
-                  field_text("pci.revision", view), field_text("pci.bus", view),
-                  gpu->codename[0] ? gpu->codename : "-", units_text(gpu), count_text(gpu->tdp_w)});
-      row.insert(row.begin() + 14, vram_text(gpu));
-    }
-    rows.push_back(row);
+    rows.emplace_back();
+    for (const Column& column : kColumns)
+      if (in_table(column, wide)) rows.back().push_back(cell(column, view));
   }
   std::string out;
   if (monitor->get_num_gpus() == 0) {

@@ -8,9 +8,6 @@
 #include "gpu_fields.h"
 #include "zev/gpu_monitor.h"
 
-// A GPU sensor value as shown: "-" when unknown (-1).
-std::string format_value(float value, int decimals);
-
 // The table of the given GPUs ("No GPU found." when the monitor has none)
 // and the CPU/OS lines: the live values within 120 columns, and with `wide`
 // the static facts too (PCI ids and revision, bus, chip, units, TDP) and

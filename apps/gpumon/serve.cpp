@@ -7,6 +7,7 @@
 #include <exception>
 #include <string>
 
+#include "exit_codes.h"
 #include "gpu_selection.h"
 #include "http_server.h"
 #include "json_report.h"

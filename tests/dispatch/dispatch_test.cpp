@@ -17,8 +17,8 @@
 #include <thread>
 #include <vector>
 
+#include "drm_host.h"
 #include "plugin/gpu_monitor_vorn.h"
-#include "tests/drm/drm_test_files.h"
 
 namespace {
 

@@ -15,7 +15,7 @@
 #include <filesystem>
 #include <string>
 
-#include "tests/drm/drm_test_files.h"
+#include "drm_host.h"
 
 namespace {
 

@@ -12,7 +12,7 @@
 #include <thread>
 #include <vector>
 
-#include "tests/drm/drm_test_files.h"
+#include "drm_host.h"
 
 namespace {
 
@@ -93,67 +93,73 @@ TEST_P(CapturedMachine, ScanAndRefreshShowWhatTheFilesHold) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Lact, CapturedMachine, testing::ValuesIn(kCaptured),
-                         [](const testing::TestParamInfo<Captured>& info) {
-                           std::string name = info.param.machine;
-                           for (char& ch : name)
-                             if (ch == '-') ch = '_';
-                           return name;
-                         });
+INSTANTIATE_TEST_SUITE_P(Lact, CapturedMachine, testing::ValuesIn(kCaptured), [](const auto& info) {
+  return testing_support::test_name(info.param.machine);
+});
 
 const std::string kB580Hwmon = "/sys/class/drm/card1/device/hwmon/hwmon2/";
 
 // Power from the energy counter: the average between two readings, taken
 // over the time between them; nothing where the counter runs backwards or
 // stops being a number (and a reading that is no number is no new start).
-TEST(EnergyCounters, PowerIsTheAverageBetweenTwoReadings) {
+struct EnergyStep {
+  const char* microjoules;  // the counter before the refresh
+  bool number;
+  double joules;  // energy since the last number read, 0: no new power
+};
+struct EnergyCase {
+  const char* name;
+  std::vector<EnergyStep> steps;
+};
+void PrintTo(const EnergyCase& c, std::ostream* os) { *os << c.name; }
+
+const EnergyCase kEnergyCases[] = {
+    {"Forwards", {{"11041745544\n", true, 10}, {"11061745544\n", true, 20}}},
+    // Backwards (a reset or wrap): no reading; the next one starts there.
+    {"Backwards", {{"500\n", true, 0}, {"5000500\n", true, 5}}},
+    {"NoNumber", {{"garbage\n", false, 0}, {"", false, 0}, {"11041745544\n", true, 10}}},
+};
+
+class EnergyCounters : public testing::TestWithParam<EnergyCase> {};
+
+TEST_P(EnergyCounters, PowerIsTheAverageBetweenTwoReadings) {
   using Clock = std::chrono::steady_clock;
-  struct Step {
-    const char* microjoules;  // the counter before the refresh
-    bool number;
-    double joules;  // energy since the last number read, 0: no new power
-  };
-  const std::vector<std::vector<Step>> cases = {
-      {{"11041745544\n", true, 10}, {"11061745544\n", true, 20}},
-      // Backwards (a reset or wrap): no reading; the next one starts there.
-      {{"500\n", true, 0}, {"5000500\n", true, 5}},
-      {{"garbage\n", false, 0}, {"", false, 0}, {"11041745544\n", true, 10}},
-  };
-  for (size_t i = 0; i < cases.size(); ++i) {
-    SCOPED_TRACE("case " + std::to_string(i));
-    // When the last number was read: between these two instants.
-    Clock::time_point read_after = Clock::now();
-    ENTER_HOST(host, "lact-intel-b580");
-    Clock::time_point read_before = Clock::now();
-    zev::GPU& g = host.gpu(0);
-    EXPECT_EQ(g.power.watts, kUnset);
-    EXPECT_EQ(g.sensor_available[4], 1);
-    for (const Step& step : cases[i]) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(60));
-      drm_test::edit({{kB580Hwmon + "energy1_input", step.microjoules}});
-      const float before = g.power.watts;
-      const Clock::time_point start = Clock::now();
-      host->update_dynamic_data();
-      const Clock::time_point end = Clock::now();
-      if (step.joules == 0) {
-        EXPECT_EQ(g.power.watts, before) << step.microjoules;
-      } else {
-        const double longest = std::chrono::duration<double>(end - read_after).count();
-        const double shortest = std::chrono::duration<double>(start - read_before).count();
-        EXPECT_GE(g.power.watts, step.joules / longest * 0.999) << step.microjoules;
-        EXPECT_LE(g.power.watts, step.joules / shortest * 1.001) << step.microjoules;
-        EXPECT_FLOAT_EQ(g.power.current, 0.001f * g.power.watts);
-      }
-      if (step.number) read_after = start, read_before = end;
+  // When the last number was read: between these two instants.
+  Clock::time_point read_after = Clock::now();
+  ENTER_HOST(host, "lact-intel-b580");
+  Clock::time_point read_before = Clock::now();
+  zev::GPU& g = host.gpu(0);
+  EXPECT_EQ(g.power.watts, kUnset);
+  EXPECT_EQ(g.sensor_available[4], 1);
+  for (const EnergyStep& step : GetParam().steps) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(60));
+    drm_test::edit({{kB580Hwmon + "energy1_input", step.microjoules}});
+    const float before = g.power.watts;
+    const Clock::time_point start = Clock::now();
+    host->update_dynamic_data();
+    const Clock::time_point end = Clock::now();
+    if (step.joules == 0) {
+      EXPECT_EQ(g.power.watts, before) << step.microjoules;
+    } else {
+      const double longest = std::chrono::duration<double>(end - read_after).count();
+      const double shortest = std::chrono::duration<double>(start - read_before).count();
+      EXPECT_GE(g.power.watts, step.joules / longest * 0.999) << step.microjoules;
+      EXPECT_LE(g.power.watts, step.joules / shortest * 1.001) << step.microjoules;
+      EXPECT_FLOAT_EQ(g.power.current, 0.001f * g.power.watts);
     }
+    if (step.number) read_after = start, read_before = end;
   }
 }
+
+INSTANTIATE_TEST_SUITE_P(LactIntelB580, EnergyCounters, testing::ValuesIn(kEnergyCases),
+                         [](const auto& info) { return std::string(info.param.name); });
 
 // clang-format off
 const std::string kHd7870Hwmon = "/sys/class/drm/card0/device/hwmon/hwmon3/";
 const std::string kRx7900Hwmon = "/sys/class/drm/card0/device/hwmon/hwmon8/";
 const std::string kRx7900Device = "/sys/devices/pci0000:00/0000:03:00.0/";
 struct Variant {
+  const char* name;
   const char* machine;
   Edits edits;
   float memory_c;
@@ -162,39 +168,47 @@ struct Variant {
 };
 const std::vector<Variant> kVariants = {
     // PWM without a pwm1_max counts against 255; a duty above it is 100 %.
-    {"lact-amd-hd7870", {{kHd7870Hwmon + "pwm1_max", nullptr}, {kHd7870Hwmon + "pwm1", "255\n"}},
-     kUnset, {100}, 3},
-    {"lact-amd-hd7870", {{kHd7870Hwmon + "pwm1_max", "100\n"}, {kHd7870Hwmon + "pwm1", "400\n"}},
-     kUnset, {100}, 3},
-    {"lact-amd-hd7870", {{kHd7870Hwmon + "pwm1", "fast\n"}}, kUnset, {}, 3},
+    {"PwmWithoutMax", "lact-amd-hd7870",
+     {{kHd7870Hwmon + "pwm1_max", nullptr}, {kHd7870Hwmon + "pwm1", "255\n"}}, kUnset, {100}, 3},
+    {"PwmAboveMax", "lact-amd-hd7870",
+     {{kHd7870Hwmon + "pwm1_max", "100\n"}, {kHd7870Hwmon + "pwm1", "400\n"}}, kUnset, {100}, 3},
+    {"PwmNoNumber", "lact-amd-hd7870", {{kHd7870Hwmon + "pwm1", "fast\n"}}, kUnset, {}, 3},
     // The memory input is found by its label, whatever its number; empty
     // and unknown labels are passed over.
-    {"lact-amd-rx7900xtx", {{kRx7900Hwmon + "temp3_label", "memory\n"}}, kUnset, {kUnset}, 8},
-    {"lact-amd-rx7900xtx", {{kRx7900Hwmon + "temp3_label", ""}, {kRx7900Hwmon + "temp12_label", "vram\n"},
-                            {kRx7900Hwmon + "temp12_input", "71500\n"}}, 71, {kUnset}, 8},
+    {"UnknownLabel", "lact-amd-rx7900xtx",
+     {{kRx7900Hwmon + "temp3_label", "memory\n"}}, kUnset, {kUnset}, 8},
+    {"LabelOfAnyNumber", "lact-amd-rx7900xtx",
+     {{kRx7900Hwmon + "temp3_label", ""}, {kRx7900Hwmon + "temp12_label", "vram\n"},
+      {kRx7900Hwmon + "temp12_input", "71500\n"}}, 71, {kUnset}, 8},
     // Two hwmon folders under one device: the lower number whose name reads.
-    {"lact-amd-rx7900xtx", {{kRx7900Device + "hwmon/hwmon11/name", "amdgpu\n"}}, 68, {kUnset}, 8},
-    {"lact-amd-rx7900xtx", {{kRx7900Device + "hwmon/hwmon2/name", "amdgpu\n"},
-                            {kRx7900Device + "hwmon/hwmon2/temp3_label", "mem\n"},
-                            {kRx7900Device + "hwmon/hwmon2/temp3_input", "20000\n"}}, 20, {}, 2},
+    {"HigherHwmonFolder", "lact-amd-rx7900xtx",
+     {{kRx7900Device + "hwmon/hwmon11/name", "amdgpu\n"}}, 68, {kUnset}, 8},
+    {"LowerHwmonFolder", "lact-amd-rx7900xtx",
+     {{kRx7900Device + "hwmon/hwmon2/name", "amdgpu\n"},
+      {kRx7900Device + "hwmon/hwmon2/temp3_label", "mem\n"},
+      {kRx7900Device + "hwmon/hwmon2/temp3_input", "20000\n"}}, 20, {}, 2},
 };
 // clang-format on
 
-TEST(ExtraSensors, LabelsPwmAndHwmonFolders) {
-  for (size_t i = 0; i < kVariants.size(); ++i) {
-    const Variant& v = kVariants[i];
-    SCOPED_TRACE(std::to_string(i) + ": " + v.machine);
-    ENTER_HOST(host, v.machine, v.edits);
-    for (int pass = 0; pass < 2; ++pass) {
-      const zev::GPU& g = host.gpu(0);
-      EXPECT_EQ(g.drm_hwmon_index, v.hwmon);
-      EXPECT_EQ(g.temperatures[2].current, v.memory_c);
-      ASSERT_EQ(g.num_fans, v.fans_percent.size());
-      for (size_t f = 0; f < g.num_fans; ++f) EXPECT_EQ(g.fans[f].speed_percent, v.fans_percent[f]);
-      host->update_dynamic_data();
-    }
+void PrintTo(const Variant& v, std::ostream* os) { *os << v.machine; }
+
+class SensorVariant : public testing::TestWithParam<Variant> {};
+
+TEST_P(SensorVariant, LabelsPwmAndHwmonFolders) {
+  const Variant& v = GetParam();
+  ENTER_HOST(host, v.machine, v.edits);
+  for (int pass = 0; pass < 2; ++pass) {
+    const zev::GPU& g = host.gpu(0);
+    EXPECT_EQ(g.drm_hwmon_index, v.hwmon);
+    EXPECT_EQ(g.temperatures[2].current, v.memory_c);
+    ASSERT_EQ(g.num_fans, v.fans_percent.size());
+    for (size_t f = 0; f < g.num_fans; ++f) EXPECT_EQ(g.fans[f].speed_percent, v.fans_percent[f]);
+    host->update_dynamic_data();
   }
 }
+
+INSTANTIATE_TEST_SUITE_P(Lact, SensorVariant, testing::ValuesIn(kVariants),
+                         [](const auto& info) { return std::string(info.param.name); });
 
 // A label padded with NUL bytes (as sysfs files captured whole are) reads as
 // its text, and a dangling card link is no card. (FIFOs: blocking_files_test.)
@@ -231,34 +245,41 @@ TEST(ExtraSensors, ManyDrmEntries) {
 
 // Machines with cards beyond card7 and hwmon folders beyond hwmon7: every
 // card in ascending number, each with its own hwmon folder.
-TEST(ManyCards, EveryCardWithItsHwmon) {
-  struct Many {
-    const char* machine;
-    std::vector<int> cards, hwmons;  // -1: none (the record keeps 8)
-  };
-  const Many cases[] = {
-      {"amd-12-gpu-mining-rig",
-       {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11},
-       {2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13}},
-      {"amd-mi300x-8-gpu-server",
-       {0, 1, 9, 17, 25, 33, 41, 49, 57},
-       {-1, 12, 13, 14, 15, 16, 17, 18, 19}},
-  };
-  for (const Many& m : cases) {
-    SCOPED_TRACE(m.machine);
-    ENTER_HOST(host, m.machine);
-    ASSERT_EQ(host->get_num_gpus(), m.cards.size());
-    host->update_dynamic_data();
-    for (size_t i = 0; i < m.cards.size(); ++i) {
-      const zev::GPU& g = host.gpu(i);
-      EXPECT_EQ(g.drm_card_index, m.cards[i]);
-      EXPECT_EQ(g.drm_hwmon_index, m.hwmons[i] < 0 ? 8 : m.hwmons[i]);
-      EXPECT_EQ(g.temperatures[0].current, m.hwmons[i] < 0 ? kUnset : g.temperatures[0].max);
-      if (m.hwmons[i] >= 0) {
-        EXPECT_GT(g.temperatures[2].current, 0) << i;
-      }
+struct Many {
+  const char* machine;
+  std::vector<int> cards, hwmons;  // -1: none (the record keeps 8)
+};
+void PrintTo(const Many& m, std::ostream* os) { *os << m.machine; }
+
+const Many kMany[] = {
+    {"amd-12-gpu-mining-rig",
+     {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11},
+     {2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13}},
+    {"amd-mi300x-8-gpu-server",
+     {0, 1, 9, 17, 25, 33, 41, 49, 57},
+     {-1, 12, 13, 14, 15, 16, 17, 18, 19}},
+};
+
+class ManyCards : public testing::TestWithParam<Many> {};
+
+TEST_P(ManyCards, EveryCardWithItsHwmon) {
+  const Many& m = GetParam();
+  ENTER_HOST(host, m.machine);
+  ASSERT_EQ(host->get_num_gpus(), m.cards.size());
+  host->update_dynamic_data();
+  for (size_t i = 0; i < m.cards.size(); ++i) {
+    const zev::GPU& g = host.gpu(i);
+    EXPECT_EQ(g.drm_card_index, m.cards[i]);
+    EXPECT_EQ(g.drm_hwmon_index, m.hwmons[i] < 0 ? 8 : m.hwmons[i]);
+    EXPECT_EQ(g.temperatures[0].current, m.hwmons[i] < 0 ? kUnset : g.temperatures[0].max);
+    if (m.hwmons[i] >= 0) {
+      EXPECT_GT(g.temperatures[2].current, 0) << i;
     }
   }
 }
+
+INSTANTIATE_TEST_SUITE_P(Recorded, ManyCards, testing::ValuesIn(kMany), [](const auto& info) {
+  return testing_support::test_name(info.param.machine);
+});
 
 }  // namespace

@@ -12,8 +12,8 @@
 #include <string>
 #include <vector>
 
+#include "drm_host.h"
 #include "plugin/gpu_monitor_vorn.h"
-#include "tests/drm/drm_test_files.h"
 
 namespace {
 
@@ -235,25 +235,32 @@ void expect_card(const zev::GPU& g, const Card& c) {
   EXPECT_EQ(g.monitorable, c.monitorable);
 }
 
-TEST(DrmScan, TracesAndRecordsOfEachMachine) {
-  for (size_t i = 0; i < kScans.size(); ++i) {
-    const Scan& s = kScans[i];
-    SCOPED_TRACE(std::to_string(i) + ": " + s.machine);
-    ENTER_HOST(host, s.machine, s.edits);
-    const std::vector<std::string> block = host.block();
-    if (s.whole) {
-      EXPECT_EQ(block, s.lines);
-    }
-    for (const std::string& line : s.lines) {
-      EXPECT_NE(std::find(block.begin(), block.end(), line), block.end()) << line;
-    }
-    ASSERT_EQ(host->get_num_gpus(), s.cards.size());
-    for (size_t g = 0; g < s.cards.size(); ++g) {
-      SCOPED_TRACE("record " + std::to_string(g));
-      expect_card(host.gpu(g), s.cards[g]);
-    }
+void PrintTo(const Scan& s, std::ostream* os) { *os << s.machine; }
+
+class DrmScanOf : public testing::TestWithParam<Scan> {};
+
+TEST_P(DrmScanOf, TracesAndRecords) {
+  const Scan& s = GetParam();
+  ENTER_HOST(host, s.machine, s.edits);
+  const std::vector<std::string> block = host.block();
+  if (s.whole) {
+    EXPECT_EQ(block, s.lines);
+  }
+  for (const std::string& line : s.lines) {
+    EXPECT_NE(std::find(block.begin(), block.end(), line), block.end()) << line;
+  }
+  ASSERT_EQ(host->get_num_gpus(), s.cards.size());
+  for (size_t g = 0; g < s.cards.size(); ++g) {
+    SCOPED_TRACE("record " + std::to_string(g));
+    expect_card(host.gpu(g), s.cards[g]);
   }
 }
+
+// Named by place in the table and machine (a machine comes again with
+// changed files).
+INSTANTIATE_TEST_SUITE_P(Machines, DrmScanOf, testing::ValuesIn(kScans), [](const auto& info) {
+  return std::to_string(info.index) + "_" + testing_support::test_name(info.param.machine);
+});
 
 // Besides the name, the database gives the unit counts and the TDP.
 TEST(DrmScan, UnitCountsComeFromTheDatabase) {

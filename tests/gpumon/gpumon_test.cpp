@@ -353,11 +353,7 @@ TEST_P(EveryPlainMachine, TheTableFitsAHundredAndTwentyColumns) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Recorded, EveryPlainMachine, ::testing::ValuesIn(plain_machines()),
-                         [](const ::testing::TestParamInfo<std::string>& info) {
-                           std::string name = info.param;
-                           std::replace(name.begin(), name.end(), '-', '_');
-                           return name;
-                         });
+                         [](const auto& info) { return test_name(info.param); });
 
 // --wide adds the static facts, a revision 0x00 included.
 TEST(Gpumon, TheWideTableShowsTheStaticFacts) {

@@ -13,8 +13,8 @@
 #include <thread>
 #include <vector>
 
+#include "nvidia_machines.h"
 #include "test_support.h"
-#include "tests/nvidia/nvidia_machines.h"
 
 namespace {
 

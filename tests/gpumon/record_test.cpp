@@ -67,12 +67,7 @@ TEST_P(RecordingOf, ReplaysAsTheMachineItWasRecordedFrom) {
 INSTANTIATE_TEST_SUITE_P(Machines, RecordingOf,
                          testing::Values("lact-amd-rx7900xtx", "rpi5-videocore7",
                                          "nvidia-rtx5090-rtx4080s-smi", "lact-intel-b580"),
-                         [](const testing::TestParamInfo<std::string>& info) {
-                           std::string name = info.param;
-                           for (char& c : name)
-                             if (c == '-') c = '_';
-                           return name;
-                         });
+                         [](const auto& info) { return testing_support::test_name(info.param); });
 
 TEST_F(Recording, RefusesAFolderThatHoldsAnything) {
   fs::create_directories(base_ + "/full");

@@ -12,8 +12,8 @@
 #include <string>
 #include <vector>
 
+#include "nvidia_machines.h"
 #include "test_support.h"
-#include "tests/nvidia/nvidia_machines.h"
 
 namespace {
 

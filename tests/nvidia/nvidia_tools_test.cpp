@@ -15,9 +15,9 @@
 #include <vector>
 
 #include "backends/nvidia/nvidia_discovery_common.h"
+#include "nvidia_machines.h"
 #include "plugin/gpu_monitor_vorn.h"
 #include "test_support.h"
-#include "tests/nvidia/nvidia_machines.h"
 
 extern "C" void zev_fake_nvidia_driver_close_all(void);
 

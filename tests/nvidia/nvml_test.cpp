@@ -12,9 +12,9 @@
 #include <string>
 #include <vector>
 
+#include "nvidia_machines.h"
 #include "plugin/gpu_monitor_vorn.h"
 #include "test_support.h"
-#include "tests/nvidia/nvidia_machines.h"
 
 namespace {
 

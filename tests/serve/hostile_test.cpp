@@ -16,12 +16,12 @@
 #include <functional>
 #include <thread>
 
-#include "serve_support.h"
+#include "serve_client.h"
 #include "test_support.h"
 
 namespace {
 
-using namespace serve_support;
+using namespace serve_client;
 using Clock = std::chrono::steady_clock;
 
 #if defined(__SANITIZE_ADDRESS__)
@@ -102,6 +102,14 @@ std::string repeated(const std::string& piece, size_t times) {
   return out;
 }
 
+// Eight connections that send `request`, then `piece` after piece, slowly.
+void trickle(Hostile* h, int port, const std::string& request, const std::string& piece) {
+  open_connections(h, port, 8);
+  if (!request.empty()) send_on_each(h, request);
+  h->trickle = piece;
+  h->start_trickling();
+}
+
 const Attack kAttacks[] = {
     {"IdleConnections", [](Hostile* h, int port) { open_connections(h, port, 300); }, 0, 300},
     {"OneAddressOverItsLimit",
@@ -111,25 +119,15 @@ const Attack kAttacks[] = {
      0, 64},
     {"TricklingHeaders",
      [](Hostile* h, int port) {
-       open_connections(h, port, 8);
-       send_on_each(h, "GET /metrics HTTP/1.1\r\nHost: x\r\n");
-       h->trickle = "X-Slow: a\r\n";
-       h->start_trickling();
+       trickle(h, port, "GET /metrics HTTP/1.1\r\nHost: x\r\n", "X-Slow: a\r\n");
      },
      7000, 8},
     {"TricklingRequestLine",
-     [](Hostile* h, int port) {
-       open_connections(h, port, 8);
-       h->trickle = "GET /" + std::string(200, 'a');
-       h->start_trickling();
-     },
-     0, 8},
+     [](Hostile* h, int port) { trickle(h, port, "", "GET /" + std::string(200, 'a')); }, 0, 8},
     {"SlowBodies",  // answered at once, the body never read
      [](Hostile* h, int port) {
-       open_connections(h, port, 8);
-       send_on_each(h, "POST /metrics HTTP/1.1\r\nHost: x\r\nContent-Length: 100000\r\n\r\nab");
-       h->trickle = "x";
-       h->start_trickling();
+       trickle(h, port, "POST /metrics HTTP/1.1\r\nHost: x\r\nContent-Length: 100000\r\n\r\nab",
+               "x");
      },
      1000, 8},
     {"HeaderFlood",

@@ -18,13 +18,13 @@
 
 #include "metric_text.h"
 #include "metrics.h"
-#include "serve_support.h"
+#include "serve_client.h"
 #include "test_support.h"
 
 namespace {
 
 using namespace testing_support;
-using namespace serve_support;
+using namespace serve_client;
 
 std::string built_machine(const std::string& name) {
   return std::string(ZEV_BIN_DIR) + "/../machines/" + name;
@@ -34,65 +34,79 @@ std::string scrape(int port) { return round_trip(port, get_request("/metrics")).
 
 // Each machine's metrics as read by its files: what a line holds, and what
 // no line may hold (unknown values are left out, not NaN; no label is empty).
-TEST(Serve, MetricsOfFakeMachines) {
-  const std::vector<std::tuple<std::string, std::vector<std::string>, std::vector<std::string>,
-                               std::vector<std::string>>>
-      cases = {
-          {machine_dir("amd-rdna3-rx7900xtx"),
-           {},
-           {"gpumon_gpus 1\n", "gpumon_scrape_success 1\n",
-            "gpumon_build_info{version=\"0.1.0\",plugin_version=\"0.1.0\",schema=\"1\"} 1\n",
-            "gpumon_gpu_clock_hertz{gpu=\"0\",name=\"AMD Radeon RX 7900 XTX\","
-            "pci=\"0000:03:00.0\",clock=\"memory\"} 1249000000\n",
-            "gpumon_gpu_info{gpu=\"0\",name=\"AMD Radeon RX 7900 XTX\",pci=\"0000:03:00.0\","
-            "board_name=\"Sapphire PULSE RX 7900 XTX\",codename=\"Navi 31\",driver=\"amdgpu\","
-            "vbios_version=\"113-D7020100-102\",vendor_id=\"0x1002\",device_id=\"0x744C\","
-            "subsystem_vendor_id=\"0x1DA2\",subsystem_device_id=\"0x471E\",revision_id=\"0xC8\"} "
-            "1\n",
-            "# TYPE gpumon_gpu_fan_speed_rpm gauge\n",
-            "gpumon_gpu_temperature_celsius{gpu=\"0\",name=\"AMD Radeon RX 7900 XTX\","
-            "pci=\"0000:03:00.0\",sensor=\"memory\"} 58\n"},
-           {"energy", "throttle", "pcie", "NaN", "=\"\""}},
-          {built_machine("nvidia-h100-sxm"),
-           {},
-           {"# TYPE gpumon_gpu_energy_joules_total counter\n",
-            "gpumon_gpu_energy_joules_total{gpu=\"0\",name=\"NVIDIA H100 80GB "
-            "HBM3\",pci=\"0000:18:00.0\"} "
-            "4578213.376\n",
-            "gpumon_gpu_power_min_limit_watts{gpu=\"0\",name=\"NVIDIA H100 80GB "
-            "HBM3\",pci=\"0000:18:00.0\"} 200\n",
-            "gpumon_gpu_temperature_threshold_celsius{gpu=\"0\",name=\"NVIDIA H100 80GB "
-            "HBM3\",pci=\"0000:18:00.0\","
-            "threshold=\"slowdown\"} 89\n",
-            "gpumon_gpu_clock_max_hertz{gpu=\"0\",name=\"NVIDIA H100 80GB "
-            "HBM3\",pci=\"0000:18:00.0\",clock=\"core\"} "
-            "1980000000\n",
-            "gpumon_gpu_throttle_reason{gpu=\"0\",name=\"NVIDIA H100 80GB "
-            "HBM3\",pci=\"0000:18:00.0\","
-            "reason=\"gpu_idle\"} 1\n",
-            "gpumon_gpu_pcie_throughput_bytes_per_second{gpu=\"0\",name=\"NVIDIA H100 80GB "
-            "HBM3\",pci=\"0000:18:00.0\","
-            "direction=\"rx\"} 4015104\n"},
-           {"fan", "NaN", "=\"\""}},
-          {machine_dir("amd-multi-card-gaps"),
-           {"--gpu", "1"},
-           {"gpumon_gpus 1\n", "{gpu=\"1\",name=\"AMD Radeon RX 6400\",pci=\"0000:45:00.0\""},
-           {"gpu=\"0\""}},
-          {machine_dir("desktop-no-gpu"), {}, {"gpumon_gpus 0\n"}, {"gpumon_gpu_"}},
-      };
-  for (const auto& [machine, args, present, absent] : cases) {
-    Served served(machine, args);
-    ASSERT_NE(served.port(), 0) << machine << "\n" << served.stderr_text();
-    const Reply r = round_trip(served.port(), get_request("/metrics"));
-    EXPECT_EQ(r.status, 200);
-    EXPECT_EQ(r.headers.at("content-type"), "text/plain; version=0.0.4; charset=utf-8");
-    for (const std::string& part : present)
-      EXPECT_NE(r.body.find(part), std::string::npos) << machine << ": " << part << "\n" << r.body;
-    for (const std::string& part : absent)
-      EXPECT_EQ(r.body.find(part), std::string::npos) << machine << ": " << part << "\n" << r.body;
-    EXPECT_EQ(served.finish(), 0) << machine;
-  }
+struct MetricsCase {
+  const char* name;
+  std::string machine;
+  std::vector<std::string> args, present, absent;
+};
+
+const MetricsCase kMetricsCases[] = {
+    {"amd_rdna3_rx7900xtx",
+     machine_dir("amd-rdna3-rx7900xtx"),
+     {},
+     {"gpumon_gpus 1\n", "gpumon_scrape_success 1\n",
+      "gpumon_build_info{version=\"0.1.0\",plugin_version=\"0.1.0\",schema=\"1\"} 1\n",
+      "gpumon_gpu_clock_hertz{gpu=\"0\",name=\"AMD Radeon RX 7900 XTX\","
+      "pci=\"0000:03:00.0\",clock=\"memory\"} 1249000000\n",
+      "gpumon_gpu_info{gpu=\"0\",name=\"AMD Radeon RX 7900 XTX\",pci=\"0000:03:00.0\","
+      "board_name=\"Sapphire PULSE RX 7900 XTX\",codename=\"Navi 31\",driver=\"amdgpu\","
+      "vbios_version=\"113-D7020100-102\",vendor_id=\"0x1002\",device_id=\"0x744C\","
+      "subsystem_vendor_id=\"0x1DA2\",subsystem_device_id=\"0x471E\",revision_id=\"0xC8\"} "
+      "1\n",
+      "# TYPE gpumon_gpu_fan_speed_rpm gauge\n",
+      "gpumon_gpu_temperature_celsius{gpu=\"0\",name=\"AMD Radeon RX 7900 XTX\","
+      "pci=\"0000:03:00.0\",sensor=\"memory\"} 58\n"},
+     {"energy", "throttle", "pcie", "NaN", "=\"\""}},
+    {"nvidia_h100_sxm",
+     built_machine("nvidia-h100-sxm"),
+     {},
+     {"# TYPE gpumon_gpu_energy_joules_total counter\n",
+      "gpumon_gpu_energy_joules_total{gpu=\"0\",name=\"NVIDIA H100 80GB "
+      "HBM3\",pci=\"0000:18:00.0\"} "
+      "4578213.376\n",
+      "gpumon_gpu_power_min_limit_watts{gpu=\"0\",name=\"NVIDIA H100 80GB "
+      "HBM3\",pci=\"0000:18:00.0\"} 200\n",
+      "gpumon_gpu_temperature_threshold_celsius{gpu=\"0\",name=\"NVIDIA H100 80GB "
+      "HBM3\",pci=\"0000:18:00.0\","
+      "threshold=\"slowdown\"} 89\n",
+      "gpumon_gpu_clock_max_hertz{gpu=\"0\",name=\"NVIDIA H100 80GB "
+      "HBM3\",pci=\"0000:18:00.0\",clock=\"core\"} "
+      "1980000000\n",
+      "gpumon_gpu_throttle_reason{gpu=\"0\",name=\"NVIDIA H100 80GB "
+      "HBM3\",pci=\"0000:18:00.0\","
+      "reason=\"gpu_idle\"} 1\n",
+      "gpumon_gpu_pcie_throughput_bytes_per_second{gpu=\"0\",name=\"NVIDIA H100 80GB "
+      "HBM3\",pci=\"0000:18:00.0\","
+      "direction=\"rx\"} 4015104\n"},
+     {"fan", "NaN", "=\"\""}},
+    {"amd_multi_card_gaps_gpu_1",
+     machine_dir("amd-multi-card-gaps"),
+     {"--gpu", "1"},
+     {"gpumon_gpus 1\n", "{gpu=\"1\",name=\"AMD Radeon RX 6400\",pci=\"0000:45:00.0\""},
+     {"gpu=\"0\""}},
+    {"desktop_no_gpu", machine_dir("desktop-no-gpu"), {}, {"gpumon_gpus 0\n"}, {"gpumon_gpu_"}},
+};
+
+void PrintTo(const MetricsCase& c, std::ostream* os) { *os << c.machine; }
+
+class Metrics : public ::testing::TestWithParam<MetricsCase> {};
+
+TEST_P(Metrics, OfFakeMachine) {
+  const MetricsCase& c = GetParam();
+  Served served(c.machine, c.args);
+  ASSERT_NE(served.port(), 0) << c.machine << "\n" << served.stderr_text();
+  const Reply r = round_trip(served.port(), get_request("/metrics"));
+  EXPECT_EQ(r.status, 200);
+  EXPECT_EQ(r.headers.at("content-type"), "text/plain; version=0.0.4; charset=utf-8");
+  for (const std::string& part : c.present)
+    EXPECT_NE(r.body.find(part), std::string::npos) << part << "\n" << r.body;
+  for (const std::string& part : c.absent)
+    EXPECT_EQ(r.body.find(part), std::string::npos) << part << "\n" << r.body;
+  EXPECT_EQ(served.finish(), 0);
 }
+
+INSTANTIATE_TEST_SUITE_P(Serve, Metrics, ::testing::ValuesIn(kMetricsCases),
+                         [](const auto& info) { return std::string(info.param.name); });
 
 // The same boards through NVML and through nvidia-smi: the same GPU labels.
 TEST(Serve, GpuLabelsAreTheSameOnEveryBackEnd) {
@@ -137,22 +151,29 @@ TEST(Serve, MetricsOfRecords) {
 
 // promtool, Prometheus' own checker, finds nothing to say of any machine's
 // metrics (names, units, help, types, label syntax).
-TEST(Serve, PromtoolFindsNoFault) {
+class Promtool : public ::testing::TestWithParam<std::string> {};
+
+TEST_P(Promtool, FindsNoFault) {
   const char* promtool = "/usr/bin/promtool";
   if (access(promtool, X_OK) != 0) GTEST_SKIP() << "no " << promtool << " (Debian's prometheus)";
-  for (const std::string& machine :
-       {machine_dir("amd-rdna3-rx7900xtx"), built_machine("nvidia-rtx5090-rtx4080s-nvml"),
-        built_machine("nvidia-h100-sxm"), machine_dir("intel-arc-a770-i915")}) {
-    Served served(machine);
-    TempMachine dir(Files{{"metrics.txt", scrape(served.port())}});
-    const std::string file = dir.dir() + "/metrics.txt";
-    const std::string out = dir.dir() + "/promtool.txt";
-    const std::string command =
-        std::string(promtool) + " check metrics < " + file + " > " + out + " 2>&1";
-    EXPECT_EQ(std::system(command.c_str()), 0) << machine << "\n" << read_file(out);
-    EXPECT_EQ(read_file(out), "") << machine;
-  }
+  Served served(GetParam());
+  TempMachine dir(Files{{"metrics.txt", scrape(served.port())}});
+  const std::string file = dir.dir() + "/metrics.txt";
+  const std::string out = dir.dir() + "/promtool.txt";
+  const std::string command =
+      std::string(promtool) + " check metrics < " + file + " > " + out + " 2>&1";
+  EXPECT_EQ(std::system(command.c_str()), 0) << read_file(out);
+  EXPECT_EQ(read_file(out), "");
 }
+
+INSTANTIATE_TEST_SUITE_P(Serve, Promtool,
+                         ::testing::Values(machine_dir("amd-rdna3-rx7900xtx"),
+                                           built_machine("nvidia-rtx5090-rtx4080s-nvml"),
+                                           built_machine("nvidia-h100-sxm"),
+                                           machine_dir("intel-arc-a770-i915")),
+                         [](const auto& info) {
+                           return test_name(info.param.substr(info.param.rfind('/') + 1));
+                         });
 
 TEST(Serve, RequestsGetTheirStatusAndNeverStopIt) {
   Served served(machine_dir("amd-rdna3-rx7900xtx"));

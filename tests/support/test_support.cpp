@@ -2,6 +2,7 @@
 
 #include <dlfcn.h>
 
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -79,6 +80,12 @@ void TempMachine::write(const std::string& path, const std::string& contents) {
   out << contents;
 }
 
+std::string test_name(std::string name) {
+  for (char& c : name)
+    if (c == '-' || c == '.') c = '_';
+  return name;
+}
+
 std::vector<std::string> lines_of(const std::string& text) {
   std::vector<std::string> lines;
   std::istringstream in(text);
@@ -93,27 +100,42 @@ std::string read_file(const std::string& path) {
   return buffer.str();
 }
 
+pid_t spawn(const std::vector<std::string>& argv, int out_fd, int err_fd) {
+  allow_preloading();
+  const pid_t pid = fork();
+  if (pid == 0) {
+    dup2(out_fd, 1);
+    dup2(err_fd, 2);
+    std::vector<char*> args;
+    for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+    args.push_back(nullptr);
+    execv(args[0], args.data());
+    _exit(127);
+  }
+  return pid;
+}
+
+int wait_for(pid_t pid) {
+  int status = 0;
+  waitpid(pid, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+int stop(pid_t pid, int signal) {
+  kill(pid, signal);
+  return wait_for(pid);
+}
+
 machine::RunResult run_gpumon(const std::vector<std::string>& args) {
   std::vector<std::string> argv = {gpumon_path()};
   argv.insert(argv.end(), args.begin(), args.end());
   machine::RunResult result;
   int out[2], err[2];
-  if (pipe(out) != 0 || pipe(err) != 0) {
+  if (pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0) {
     result.error = "pipe failed";
     return result;
   }
-  const pid_t pid = fork();
-  if (pid == 0) {
-    dup2(out[1], 1);
-    dup2(err[1], 2);
-    close(out[0]);
-    close(err[0]);
-    std::vector<char*> c_args;
-    for (const std::string& a : argv) c_args.push_back(const_cast<char*>(a.c_str()));
-    c_args.push_back(nullptr);
-    execv(c_args[0], c_args.data());
-    _exit(127);
-  }
+  const pid_t pid = spawn(argv, out[1], err[1]);
   close(out[1]);
   close(err[1]);
   struct pollfd fds[2] = {{out[0], POLLIN, 0}, {err[0], POLLIN, 0}};
@@ -133,9 +155,7 @@ machine::RunResult run_gpumon(const std::vector<std::string>& args) {
       }
     }
   }
-  int status = 0;
-  waitpid(pid, &status, 0);
-  result.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  result.exit_code = wait_for(pid);
   return result;
 }
 

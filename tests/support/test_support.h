@@ -2,6 +2,9 @@
 // plug-in as a host does, fake machines.
 #pragma once
 
+#include <signal.h>
+#include <sys/types.h>
+
 #include <string>
 #include <vector>
 
@@ -99,6 +102,10 @@ class TempMachine {
   std::string dir_;
 };
 
+// A machine's (or any) name as the name of a parameterised test: '-' and
+// '.' as '_'.
+std::string test_name(std::string name);
+
 // The lines of a text, without their newlines.
 std::vector<std::string> lines_of(const std::string& text);
 
@@ -109,6 +116,14 @@ std::string read_file(const std::string& path);
 // ahead of a sanitizer build's runtime, which stops them unless told not to
 // check.
 void allow_preloading();
+
+// Starts a program with its standard output and error on the given
+// descriptors, preloading allowed; its pid.
+pid_t spawn(const std::vector<std::string>& argv, int out_fd, int err_fd);
+// Waits for a program: its exit code (128 + signal when a signal ended it).
+int wait_for(pid_t pid);
+// Sends the signal, then waits: the exit code.
+int stop(pid_t pid, int signal = SIGTERM);
 
 // Runs gpumon with the given arguments, capturing its standard output and
 // error apart.

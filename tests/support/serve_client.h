@@ -9,14 +9,7 @@
 #include <string>
 #include <vector>
 
-namespace serve_support {
-
-// Starts a program with its standard output and error on the given
-// descriptors; its pid.
-pid_t spawn(const std::vector<std::string>& argv, int out_fd, int err_fd);
-// Sends the signal, then waits: the exit code (128 + signal when a signal
-// ended it).
-int stop(pid_t pid, int signal = SIGTERM);
+namespace serve_client {
 
 // gpumon --serve 127.0.0.1:0 on a machine; port() is the one it reports.
 class Served {
@@ -68,4 +61,4 @@ std::string get_request(const std::string& path, const std::string& headers = ""
 long resident_kb(pid_t pid);
 int open_fds(pid_t pid);
 
-}  // namespace serve_support
+}  // namespace serve_client

@@ -1,4 +1,4 @@
-#include "serve_support.h"
+#include "serve_client.h"
 
 #include <arpa/inet.h>
 #include <dirent.h>
@@ -19,34 +19,10 @@
 
 #include "test_support.h"
 
-namespace serve_support {
+namespace serve_client {
 
-pid_t spawn(const std::vector<std::string>& argv, int out_fd, int err_fd) {
-  // The NVIDIA machines preload a fake driver, ahead of AddressSanitizer's
-  // runtime in a sanitizer build.
-  const char* asan = std::getenv("ASAN_OPTIONS");
-  const std::string options = asan != nullptr && *asan != '\0' ? std::string(asan) + ":" : "";
-  if (options.find("verify_asan_link_order=0") == std::string::npos)
-    setenv("ASAN_OPTIONS", (options + "verify_asan_link_order=0").c_str(), 1);
-  const pid_t pid = fork();
-  if (pid == 0) {
-    dup2(out_fd, 1);
-    dup2(err_fd, 2);
-    std::vector<char*> args;
-    for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-    args.push_back(nullptr);
-    execv(args[0], args.data());
-    _exit(127);
-  }
-  return pid;
-}
-
-int stop(pid_t pid, int signal) {
-  int status = 0;
-  kill(pid, signal);
-  waitpid(pid, &status, 0);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
+using testing_support::spawn;
+using testing_support::stop;
 
 Served::Served(const std::string& machine, std::vector<std::string> args) {
   int err[2];
@@ -241,4 +217,4 @@ int open_fds(pid_t pid) {
   return count;
 }
 
-}  // namespace serve_support
+}  // namespace serve_client

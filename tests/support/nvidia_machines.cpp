@@ -1,4 +1,4 @@
-#include "tests/nvidia/nvidia_machines.h"
+#include "nvidia_machines.h"
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -31,7 +31,7 @@ std::string self_path() {
 Machine::Machine(const std::string& base)
     : temp_(std::make_shared<testing_support::TempMachine>(
           testing_support::Files{},
-          base.empty() ? "" : std::string(ZEV_NVIDIA_BUILD_DIR) + "/machines/" + base)) {}
+          base.empty() ? "" : std::string(ZEV_BUILD_DIR) + "/machines/" + base)) {}
 
 Machine& Machine::nvml(const std::string& variant) {
   return install("lib/libnvidia-ml.so.1", "lib/libzev-fake-" + variant + ".so");
@@ -57,7 +57,7 @@ Machine& Machine::install(const std::string& path, const std::string& fake) {
   fs::create_directories(target.parent_path());
   std::error_code ec;
   fs::remove(target, ec);
-  fs::copy_file(std::string(ZEV_NVIDIA_BUILD_DIR) + "/fakes/" + fake, target);
+  fs::copy_file(std::string(ZEV_BUILD_DIR) + "/fakes/" + fake, target);
   return *this;
 }
 
