@@ -17,8 +17,22 @@ namespace {
 
 using namespace drm_parse;
 
-enum Parser { kId4, kId2, kVendor, kText, kDecimal, kMilli, kHz, kWatts, kMiB, kLimit, kDriver,
-              kMemoryLabel, kPwm, kGtMhz };
+enum Parser {
+  kId4,
+  kId2,
+  kVendor,
+  kText,
+  kDecimal,
+  kMilli,
+  kHz,
+  kWatts,
+  kMiB,
+  kLimit,
+  kDriver,
+  kMemoryLabel,
+  kPwm,
+  kGtMhz
+};
 
 // What a parser makes of `text`: "fail", the value (hex for PCI ids), or
 // "yes"/"no" for the tests of a line.
@@ -55,9 +69,11 @@ std::string parse(Parser parser, const std::string& text) {
       }
       return "fail";
     }
-    case kMemoryLabel: return yes(text_line(line, out, sizeof out) && names_memory_temperature(out));
+    case kMemoryLabel:
+      return yes(text_line(line, out, sizeof out) && names_memory_temperature(out));
     case kPwm: return number(unsigned_read, pwm_percent(value, pwm_max(false, 0)));
-    case kGtMhz: return number(unsigned_read && plausible_gt_mhz(value), static_cast<long long>(value));
+    case kGtMhz:
+      return number(unsigned_read && plausible_gt_mhz(value), static_cast<long long>(value));
   }
   return "?";
 }

@@ -4,6 +4,7 @@
 // RX 7900 XTX, aticonfig's report of adapter 0), then lines no tool gives.
 #include <gtest/gtest.h>
 
+#include <ostream>
 #include <string>
 
 #include "backends/legacy/legacy_parse.h"
@@ -31,6 +32,8 @@ const Adapter kAdapters[] = {
      0x1002, 0x744C, "c8"},
 };
 
+void PrintTo(const Adapter& a, std::ostream* out) { *out << a.name; }
+
 class LspciLines : public ::testing::TestWithParam<Adapter> {};
 
 TEST_P(LspciLines, MeanWhatLspciSaid) {
@@ -56,7 +59,8 @@ TEST(LegacyParse, LinesTooShortForTheirPositions) {
   unsigned long vendor = 7;
   char revision[3] = "--";
   char name[128] = "untouched";
-  for (const char* line : {"[1]\n", "[10de:26]", ""}) EXPECT_FALSE(pci_codes(line, &vendor, nullptr));
+  for (const char* line : {"[1]\n", "[10de:26]", ""})
+    EXPECT_FALSE(pci_codes(line, &vendor, nullptr));
   for (const char* line : {"rev \n", "rev a\n", "re"}) EXPECT_FALSE(pci_revision(line, revision));
   EXPECT_EQ(vendor, 7u);
   EXPECT_STREQ(revision, "--");
