@@ -54,7 +54,7 @@ struct SourceTable {
   }
 };
 
-drm_extra::CardSensors& extra_sensors(GpuMonitorVorn* monitor, const zev::GPU* gpu) {
+drm_backend::CardSensors& extra_sensors(GpuMonitorVorn* monitor, const zev::GPU* gpu) {
   return monitor->drm_extra_sensors[gpu->index];
 }
 
@@ -88,9 +88,9 @@ bool drm_clocks(GpuMonitorVorn* m, zev::GPU* gpu, Outputs out) {
 
 // Intel GT clocks (i915, xe), which no hwmon file holds.
 bool intel_gt_clock(GpuMonitorVorn* m, zev::GPU* gpu, Outputs out) {
-  const drm_extra::CardSensors& s = extra_sensors(m, gpu);
-  return s.intel_clock != drm_extra::IntelClock::kNone &&
-         drm_extra::refresh_intel_clock(s, gpu, out.first);
+  const drm_backend::CardSensors& s = extra_sensors(m, gpu);
+  return s.intel_clock != drm_backend::IntelClock::kNone &&
+         drm_backend::refresh_intel_clock(s, gpu, out.first);
 }
 
 bool rpi_clock(GpuMonitorVorn* m, zev::GPU* gpu, Outputs out) {
@@ -131,7 +131,7 @@ bool drm_usages(GpuMonitorVorn* m, zev::GPU* gpu, Outputs out) {
   if (m->linux_drm_read_gpu_usage(gpu->drm_card_index, &percent)) {
     read = store_usage(static_cast<float>(percent), gpu->core_usage, out.first);
   }
-  if (drm_extra::refresh_memory_usage(extra_sensors(m, gpu), gpu, out.second)) read = true;
+  if (drm_backend::refresh_memory_usage(extra_sensors(m, gpu), gpu, out.second)) read = true;
   return read;
 }
 
@@ -188,7 +188,7 @@ bool drm_core_temperature(GpuMonitorVorn* m, zev::GPU* gpu, Outputs out) {
 
 // The memory temperature: the input labelled "mem" (amdgpu) or "vram" (xe).
 bool drm_memory_temperature(GpuMonitorVorn* m, zev::GPU* gpu, Outputs out) {
-  return drm_extra::refresh_memory_temperature(extra_sensors(m, gpu), gpu, out.second);
+  return drm_backend::refresh_memory_temperature(extra_sensors(m, gpu), gpu, out.second);
 }
 
 bool rpi_temperature(GpuMonitorVorn* m, zev::GPU* gpu, Outputs out) {
@@ -231,7 +231,7 @@ bool drm_power_input(GpuMonitorVorn* m, zev::GPU* gpu, Outputs out) {
 // The power limit, and power from an energy counter where no power input
 // reads (i915, xe).
 bool drm_energy_power(GpuMonitorVorn* m, zev::GPU* gpu, Outputs out) {
-  return drm_extra::refresh_power(&extra_sensors(m, gpu), gpu, out.first);
+  return drm_backend::refresh_power(&extra_sensors(m, gpu), gpu, out.first);
 }
 
 using PowerSources = SourceTable<Source<nv_smi_source, nv_smi_power>,
@@ -276,7 +276,7 @@ bool GpuMonitorVorn::gpu_read_fan_speed(unsigned long index) {
   if (!drm_hwmon_source(gpu) || gpu->num_fans == 0 || gpu->fans == nullptr) return false;
   // A board with a PWM output and no RPM input: the fan's duty.
   if (drm_extra_sensors[gpu->index].pwm_max > 0) {
-    return drm_extra::refresh_pwm_fan(drm_extra_sensors[gpu->index], gpu);
+    return drm_backend::refresh_pwm_fan(drm_extra_sensors[gpu->index], gpu);
   }
   for (unsigned long i = 0; i < gpu->num_fans; ++i) {
     int rpm = 0;

@@ -52,7 +52,7 @@ bool GpuMonitorVorn::cleanup_gpus_list() {
     }
     gpus[i] = nullptr;
     nvml_gpus[i] = nullptr;
-    drm_extra_sensors[i] = drm_extra::CardSensors();
+    drm_extra_sensors[i] = drm_backend::CardSensors();
   }
   num_gpus = 0;
   nvml_gpus_count = 0;

@@ -9,7 +9,7 @@
 #include <cstdint>
 #include <string>
 
-#include "backends/drm/drm_extra_sensors.h"
+#include "backends/drm/drm_backend.h"
 #include "backends/nvidia/nvml_types.h"
 #include "io/copy_text.h"
 #include "zev/gpu.h"
@@ -249,7 +249,7 @@ class GpuMonitorVorn : public zev::GpuMonitor {
   bool linux_nvidia_gpu_get_usages(unsigned long index, float* gpu_usage, float* memory_usage);
   bool linux_nvidia_is_sensor_available(unsigned long index, const char* name);
 
-  // DRM back-end (backends/drm/).
+  // DRM back-end: calls into backends/drm/drm_backend.h (plugin/drm_members.cpp).
   bool linux_drm_init_gpus();
   bool linux_drm_gpu_probe(unsigned long card);
   bool linux_drm_gpu_probe_hwmon(unsigned long card, unsigned long hwmon);
@@ -278,7 +278,8 @@ class GpuMonitorVorn : public zev::GpuMonitor {
   bool linux_arm64_rpi_read_gpu_usage_v1(zev::GPU* gpu, float* percent);
   bool linux_arm64_rpi_read_gpu_core_temp(float* celsius);
 
-  // Command-line legacy readers (backends/drm/legacy_command_readers.cpp).
+  // Command-line legacy readers: calls into backends/legacy/legacy_backend.h
+  // (plugin/legacy_members.cpp).
   bool linux_read_num_gpus(unsigned long* count);
   bool linux_read_gpu_pci_codes(unsigned long index, unsigned long* vendor, unsigned long* device);
   bool linux_read_gpu_pci_rev(unsigned long index, char* revision);
@@ -293,7 +294,7 @@ class GpuMonitorVorn : public zev::GpuMonitor {
   zev::GPU* nvml_gpus[kMaxGpus];
   // What the DRM scan found of each record's extra sensors, by the record's
   // index (its list slot at insertion).
-  drm_extra::CardSensors drm_extra_sensors[kMaxGpus];
+  drm_backend::CardSensors drm_extra_sensors[kMaxGpus];
   uint64_t nvml_gpus_count;
   // Written by the host's thread, read by the update thread on each pass.
   std::atomic<bool> update_thread_quit;

@@ -1,11 +1,9 @@
 // Construction, lifecycle and the Linux discovery sequence of the monitor.
-#include <dirent.h>
 #include <dlfcn.h>
 
 #include <cstdio>
 #include <cstring>
 
-#include "gpudb/vendor_tables.h"
 #include "plugin/gpu_monitor_vorn.h"
 #include "record/record_writes.h"
 
@@ -159,28 +157,6 @@ bool GpuMonitorVorn::init_gpus_linux() {
     tracef_debug("num GPUs in DRM: %d", static_cast<int>(num_gpus_drm));
   }
   return get_num_gpus() != 0;
-}
-
-bool GpuMonitorVorn::drm_has_other_than_nvidia() {
-  DIR* dir = opendir("/sys/class/drm");
-  if (dir == nullptr) return false;
-  bool found = false;
-  while (!found) {
-    const dirent* entry = readdir(dir);
-    if (entry == nullptr) break;
-    // "card<N>" alone: connectors ("card1-DP-1") and render nodes are no cards.
-    const char* name = entry->d_name;
-    if (std::strncmp(name, "card", 4) != 0 || name[4] == '\0') continue;
-    unsigned long card = 0;
-    const char* p = name + 4;
-    for (; *p >= '0' && *p <= '9' && card < 1000000; ++p) card = card * 10 + (*p - '0');
-    if (*p != '\0') continue;
-    unsigned long vendor = 0;
-    found = linux_drm_gpu_probe(card) && linux_drm_read_vendor_id(card, &vendor) &&
-            vendor != gpudb_vendor::kNvidia;
-  }
-  closedir(dir);
-  return found;
 }
 
 bool GpuMonitorVorn::terminate() {

@@ -9,6 +9,7 @@
 #include <fstream>
 #include <vector>
 
+#include "io/numbered_entries.h"
 #include "record/record_slots.h"
 
 namespace fs = std::filesystem;
@@ -43,11 +44,8 @@ unsigned long read_hex_file(const fs::path& path) {
 }
 
 // "card<N>" -> N; -1 for any other name (connectors, render nodes).
-long card_number(const std::string& name) {
-  if (name.size() <= 4 || name.compare(0, 4, "card") != 0) return -1;
-  for (size_t i = 4; i < name.size(); ++i)
-    if (!std::isdigit(static_cast<unsigned char>(name[i]))) return -1;
-  return std::strtol(name.c_str() + 4, nullptr, 10);
+long card_number(const fs::path& entry) {
+  return numbered_entries::number_after(entry.filename().c_str(), "card");
 }
 
 void add_device(const fs::path& dir, long card, std::vector<Device>* devices) {
@@ -65,7 +63,7 @@ std::vector<Device> display_devices() {
   std::vector<Device> devices;
   std::error_code ec;
   for (const fs::directory_entry& e : fs::directory_iterator("/sys/class/drm", ec)) {
-    const long card = card_number(e.path().filename().string());
+    const long card = card_number(e.path());
     if (card >= 0) add_device(e.path() / "device", card, &devices);
   }
   for (const fs::directory_entry& e : fs::directory_iterator("/sys/bus/pci/devices", ec)) {
@@ -129,7 +127,7 @@ long pci_revision(const std::string& address) {
   fs::path folder = "/sys/bus/pci/devices/" + address;
   std::error_code ec;
   for (const fs::directory_entry& e : fs::directory_iterator("/sys/class/drm", ec)) {
-    if (card_number(e.path().filename().string()) < 0) continue;
+    if (card_number(e.path()) < 0) continue;
     const fs::path real = fs::canonical(e.path() / "device", ec);
     if (!ec && real.filename() == address) folder = real;
   }

@@ -10,6 +10,8 @@
 #include <filesystem>
 #include <fstream>
 
+#include "io/numbered_entries.h"
+
 namespace fs = std::filesystem;
 
 namespace record {
@@ -98,15 +100,6 @@ bool copy_keeping_links(const fs::path& folder, const std::string& path, std::st
   return true;
 }
 
-// "<prefix><digits>": the digits as a number, or -1.
-long number_after(const std::string& name, const std::string& prefix) {
-  if (name.size() <= prefix.size() || name.compare(0, prefix.size(), prefix) != 0) return -1;
-  for (size_t i = prefix.size(); i < name.size(); ++i) {
-    if (!std::isdigit(static_cast<unsigned char>(name[i]))) return -1;
-  }
-  return std::strtol(name.c_str() + prefix.size(), nullptr, 10);
-}
-
 // hwmon files the monitor reads: name, pwm1, pwm1_max, and <kind><i>_<leaf>
 // for the sensor kinds and leaves it knows.
 bool monitor_reads_hwmon_file(const std::string& name) {
@@ -138,7 +131,7 @@ void copy_card(const fs::path& folder, const std::string& card, std::vector<std:
   for (const char* name : kDeviceFiles) take(card + "/device/" + name);
   std::error_code ec;
   for (const fs::directory_entry& hwmon : fs::directory_iterator(card + "/device/hwmon", ec)) {
-    if (number_after(hwmon.path().filename().string(), "hwmon") < 0) continue;
+    if (numbered_entries::number_after(hwmon.path().filename().c_str(), "hwmon") < 0) continue;
     std::error_code inner;
     for (const fs::directory_entry& file : fs::directory_iterator(hwmon.path(), inner)) {
       if (monitor_reads_hwmon_file(file.path().filename().string())) take(file.path().string());
@@ -169,7 +162,7 @@ std::vector<std::string> copy_machine_files(const std::string& folder_text) {
   std::error_code ec;
   for (const fs::directory_entry& entry : fs::directory_iterator("/sys/class/drm", ec)) {
     const std::string name = entry.path().filename().string();
-    if (number_after(name, "card") >= 0) {
+    if (numbered_entries::number_after(name.c_str(), "card") >= 0) {
       copy_card(folder, entry.path().string(), &copied);
     } else if (fs::is_symlink(entry.symlink_status(ec))) {
       copy_link(folder, entry.path());  // connectors, render nodes

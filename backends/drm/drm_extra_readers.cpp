@@ -1,10 +1,9 @@
 #include "backends/drm/drm_extra_readers.h"
 
-#include <cstring>
-
+#include "backends/drm/drm_parse.h"
 #include "backends/drm/drm_sysfs.h"
+#include "io/copy_text.h"
 #include "io/text_file.h"
-#include "plugin/gpu_monitor_vorn.h"
 
 namespace drm_extra {
 
@@ -26,10 +25,8 @@ bool read_hwmon_text(int card, int hwmon, const char* kind, int sensor, const ch
   char path[drm_sysfs::kPathSize];
   drm_sysfs::format_path(path, kHwmonFile, card, hwmon, kind, sensor, leaf);
   char line[drm_sysfs::kShortLineSize];
-  if (!drm_sysfs::read_first_line(path, line, sizeof line)) return false;
-  drm_sysfs::cut_newline(line);
-  copy_text(text, size, line);
-  return true;
+  return drm_sysfs::read_first_line(path, line, sizeof line) &&
+         drm_parse::text_line(line, text, size);
 }
 
 bool read_hwmon_celsius(int card, int hwmon, int sensor, int* celsius) {
@@ -37,7 +34,7 @@ bool read_hwmon_celsius(int card, int hwmon, int sensor, int* celsius) {
   drm_sysfs::format_path(path, kHwmonFile, card, hwmon, "temp", sensor, "input");
   char line[drm_sysfs::kLineSize];
   if (!drm_sysfs::read_first_line(path, line, sizeof line)) return false;
-  *celsius = drm_sysfs::scaled_decimal(line, 1000);
+  *celsius = drm_parse::scaled_decimal(line, drm_parse::kMilliPerUnit);
   return true;
 }
 
@@ -74,7 +71,7 @@ bool read_intel_clock(int card, IntelClock source, int* mhz) {
     drm_sysfs::format_path(path, requested, card);
     if (!drm_sysfs::read_unsigned(path, &value)) return false;
   }
-  if (value > 1000000) return false;  // no GT clock is a terahertz
+  if (!drm_parse::plausible_gt_mhz(value)) return false;
   *mhz = static_cast<int>(value);
   return true;
 }
@@ -85,11 +82,11 @@ bool read_uevent_driver(int card, char* text, size_t size) {
   text_file::Lines lines;
   if (!lines.open(path)) return false;
   char line[drm_sysfs::kLineSize];
+  char driver[drm_sysfs::kLineSize];
   while (lines.next(line, sizeof line)) {
-    if (std::strncmp(line, "DRIVER=", 7) != 0) continue;
-    drm_sysfs::cut_newline(line);
-    if (line[7] == '\0') return false;
-    copy_text(text, size, line + 7);
+    if (!drm_parse::uevent_driver(line, driver, sizeof driver)) continue;
+    if (driver[0] == '\0') return false;
+    copy_text(text, size, driver);
     return true;
   }
   return false;

@@ -1,7 +1,4 @@
-// Discovery and refresh of the extra DRM sensors (see the header). Every
-// value here is one the classic hwmon set leaves unread on real cards, so
-// each only adds to a record: a field the classic readers fill is never
-// written here.
+// Discovery and refresh of the extra DRM sensors (see the header).
 #include "backends/drm/drm_extra_sensors.h"
 
 #include <cstdarg>
@@ -11,8 +8,10 @@
 #include <initializer_list>
 
 #include "backends/drm/drm_extra_readers.h"
+#include "backends/drm/drm_parse.h"
 #include "record/record_writes.h"
 #include "zev/gpu.h"
+#include "zev/plugin.h"
 
 namespace drm_extra {
 
@@ -21,29 +20,25 @@ namespace {
 // Labelled inputs are looked for among numbers 1 to 31: an Intel xe card
 // has 17 temperatures, among them "vram" (temp3) and "vram_ch_0".. (temp6 on).
 constexpr int kMaxLabelled = 32;
-constexpr unsigned long long kBytesPerMiB = 1024ull * 1024ull;
-constexpr int kDefaultPwmMax = 255;
-// An average above this over two counter readings is no card's power (the
-// counter was reset or replaced): no reading.
-constexpr double kMaxPlausibleWatts = 10000.0;
 
 using namespace gpu_record;
+using drm_parse::mebibytes;
 
+// Lines of the scan's block, formatted here and traced whole.
 class Tracer {
  public:
-  Tracer(TraceLine trace, void* context) : trace_(trace), context_(context) {}
+  explicit Tracer(zev::Plugin* tracer) : tracer_(tracer) {}
   void operator()(const char* format, ...) const __attribute__((format(printf, 2, 3))) {
     char line[256];
     va_list args;
     va_start(args, format);
     std::vsnprintf(line, sizeof line, format, args);
     va_end(args);
-    if (trace_ != nullptr) trace_(context_, line);
+    if (tracer_ != nullptr) tracer_->tracef("%s", line);
   }
 
  private:
-  TraceLine trace_;
-  void* context_;
+  zev::Plugin* tracer_;
 };
 
 int64_t monotonic_ns() {
@@ -57,7 +52,7 @@ int find_memory_temperature(int card, int hwmon) {
   for (int s = 1; s < kMaxLabelled; ++s) {
     char label[32];
     if (!read_hwmon_text(card, hwmon, "temp", s, "label", label, sizeof label)) continue;
-    if (std::strcmp(label, "mem") == 0 || std::strcmp(label, "vram") == 0) return s;
+    if (drm_parse::names_memory_temperature(label)) return s;
   }
   return -1;
 }
@@ -81,19 +76,15 @@ int find_energy_counter(int card, int hwmon) {
 bool read_power_limit(const CardSensors& s, float* milliwatts) {
   if (s.power_limit == PowerLimit::kNone) return false;
   unsigned long long uw = 0;
-  if (!read_hwmon_named(s.card, s.hwmon,
-                        s.power_limit == PowerLimit::kCap ? "power1_cap" : "power1_max", &uw) ||
-      uw == 0)
-    return false;
-  *milliwatts = static_cast<float>(uw / 1000);
-  return true;
+  return read_hwmon_named(s.card, s.hwmon,
+                          s.power_limit == PowerLimit::kCap ? "power1_cap" : "power1_max", &uw) &&
+         drm_parse::limit_milliwatts(uw, milliwatts);
 }
 
 bool read_pwm_percent(const CardSensors& s, int* percent) {
   unsigned long long duty = 0;
   if (s.pwm_max <= 0 || !read_hwmon_named(s.card, s.hwmon, "pwm1", &duty)) return false;
-  if (duty > static_cast<unsigned long long>(s.pwm_max)) duty = static_cast<unsigned>(s.pwm_max);
-  *percent = static_cast<int>(duty * 100 / static_cast<unsigned>(s.pwm_max));
+  *percent = drm_parse::pwm_percent(duty, s.pwm_max);
   return true;
 }
 
@@ -137,9 +128,8 @@ void discover_hwmon(zev::GPU* gpu, CardSensors* s, const Tracer& trace) {
   // Boards with a PWM output but no RPM input show the fan's duty.
   if (gpu->num_fans == 0 && read_hwmon_named(card, hwmon, "pwm1", &value)) {
     unsigned long long max = 0;
-    s->pwm_max = read_hwmon_named(card, hwmon, "pwm1_max", &max) && max > 0 && max <= 65535
-                     ? static_cast<int>(max)
-                     : kDefaultPwmMax;
+    const bool max_read = read_hwmon_named(card, hwmon, "pwm1_max", &max);
+    s->pwm_max = drm_parse::pwm_max(max_read, max);
     int percent = 0;
     if (read_pwm_percent(*s, &percent)) {
       store_fan_percent(single_fan(gpu), static_cast<float>(percent));
@@ -154,9 +144,8 @@ void discover_hwmon(zev::GPU* gpu, CardSensors* s, const Tracer& trace) {
 
 }  // namespace
 
-void discover(int card, int hwmon, zev::GPU* gpu, CardSensors* s, TraceLine trace_line,
-              void* trace_context) {
-  const Tracer trace(trace_line, trace_context);
+void discover(int card, int hwmon, zev::GPU* gpu, CardSensors* s, zev::Plugin* tracer) {
+  const Tracer trace(tracer);
   *s = CardSensors();
   s->card = card;
   s->hwmon = hwmon;
@@ -174,13 +163,13 @@ void discover(int card, int hwmon, zev::GPU* gpu, CardSensors* s, TraceLine trac
     trace("  - memory usage: %d %%", static_cast<int>(value));
     mark_readable(gpu, kUsageFlag);
   }
-  if (read_device_unsigned(card, "mem_info_vram_total", &value) && value / kBytesPerMiB > 0) {
-    gpu->vram_size_mb = static_cast<int64_t>(value / kBytesPerMiB);
+  if (read_device_unsigned(card, "mem_info_vram_total", &value) && mebibytes(value) > 0) {
+    gpu->vram_size_mb = static_cast<int64_t>(mebibytes(value));
     trace("  - VRAM: %lld MB", static_cast<long long>(gpu->vram_size_mb));
   }
   if (read_device_unsigned(card, "mem_info_vram_used", &value)) {
     s->vram_used = true;
-    store_memory_reading(gpu, static_cast<int64_t>(value / kBytesPerMiB));
+    store_memory_reading(gpu, static_cast<int64_t>(mebibytes(value)));
     trace("  - VRAM used: %lld MB", static_cast<long long>(gpu->vram_used_mb));
     gpu->monitorable = true;
   }
@@ -201,6 +190,12 @@ void discover(int card, int hwmon, zev::GPU* gpu, CardSensors* s, TraceLine trac
   if (hwmon >= 0) discover_hwmon(gpu, s, trace);
 }
 
+}  // namespace drm_extra
+
+namespace drm_backend {
+
+using namespace drm_extra;
+
 bool refresh_memory_temperature(const CardSensors& s, zev::GPU* gpu, float* celsius) {
   int value = 0;
   if (s.mem_temp_input < 0 || !read_hwmon_celsius(s.card, s.hwmon, s.mem_temp_input, &value))
@@ -214,7 +209,7 @@ bool refresh_memory_usage(const CardSensors& s, zev::GPU* gpu, float* percent) {
   bool read = false;
   unsigned long long value = 0;
   if (s.vram_used && read_device_unsigned(s.card, "mem_info_vram_used", &value)) {
-    store_memory_reading(gpu, static_cast<int64_t>(value / kBytesPerMiB));
+    store_memory_reading(gpu, static_cast<int64_t>(mebibytes(value)));
     read = true;
   }
   if (s.mem_busy && read_device_unsigned(s.card, "mem_busy_percent", &value) && value <= 100) {
@@ -251,10 +246,9 @@ bool refresh_power(CardSensors* s, zev::GPU* gpu, float* watts) {
   s->energy_primed = true;
   // A counter that went backwards or wrapped gives no reading; the next
   // refresh measures from here.
-  if (!had_previous || uj < previous_uj) return false;
-  const double average =
-      static_cast<double>(uj - previous_uj) / 1e6 / (static_cast<double>(elapsed_ns) / 1e9);
-  if (average > kMaxPlausibleWatts) return false;
+  double average = 0.0;
+  if (!had_previous || !drm_parse::average_watts(previous_uj, uj, elapsed_ns, &average))
+    return false;
   // Stored as the DRM power path stores watts.
   const float current = store_power_reading(&gpu->power, static_cast<float>(average));
   if (watts != nullptr) *watts = current;
@@ -268,4 +262,4 @@ bool refresh_pwm_fan(const CardSensors& s, zev::GPU* gpu) {
   return true;
 }
 
-}  // namespace drm_extra
+}  // namespace drm_backend

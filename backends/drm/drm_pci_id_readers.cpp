@@ -1,54 +1,53 @@
 // PCI identity of a DRM card, read from the PCI device behind
 // /sys/class/drm/cardN/device. The files hold "0x" and lower-case hex digits
-// ("0x1002\n"); the digits at fixed positions are converted without any check
-// of the line's length or characters, so a short or malformed line yields
-// whatever the conversion gives and still counts as a read.
-#include <cstdint>
-
+// ("0x1002\n"); a short or malformed line yields whatever the conversion
+// gives and still counts as a read (drm_parse::id4).
+#include "backends/drm/drm_backend.h"
+#include "backends/drm/drm_parse.h"
 #include "backends/drm/drm_sysfs.h"
-#include "plugin/gpu_monitor_vorn.h"
 
-using drm_sysfs::as_path_number;
+namespace drm_backend {
 
 namespace {
 
-// Reads the id file `leaf` of card `card` and converts four hex digits
-// (positions 2 to 5) with str_to_hex.
-bool read_id4(GpuMonitorVorn* monitor, unsigned long card, const char* leaf, unsigned long* id) {
-  if (id == nullptr) return false;
+using drm_sysfs::as_path_number;
+
+// Reads the first line of the id file `leaf` of card `card`.
+bool read_id_line(unsigned long card, const char* leaf, char* line, int size) {
   char path[drm_sysfs::kPathSize];
   drm_sysfs::format_path(path, "/sys/class/drm/card%d/device/%s", as_path_number(card), leaf);
+  return drm_sysfs::read_first_line(path, line, size);
+}
+
+// Four hex digits (positions 2 to 5), or the revision's two (2 and 3).
+bool read_id(unsigned long card, const char* leaf, bool revision, unsigned long* id) {
+  if (id == nullptr) return false;
   char line[drm_sysfs::kLineSize];
-  if (!drm_sysfs::read_first_line(path, line, sizeof line)) return false;
-  *id = static_cast<uint32_t>(monitor->str_to_hex(line[2], line[3], line[4], line[5]));
+  if (!read_id_line(card, leaf, line, sizeof line)) return false;
+  *id = revision ? drm_parse::id2(line) : drm_parse::id4(line);
   return true;
 }
 
 }  // namespace
 
-bool GpuMonitorVorn::linux_drm_read_vendor_id(unsigned long card, unsigned long* id) {
-  return read_id4(this, card, "vendor", id);
+bool read_vendor_id(unsigned long card, unsigned long* id) {
+  return read_id(card, "vendor", false, id);
 }
 
-bool GpuMonitorVorn::linux_drm_read_device_id(unsigned long card, unsigned long* id) {
-  return read_id4(this, card, "device", id);
+bool read_device_id(unsigned long card, unsigned long* id) {
+  return read_id(card, "device", false, id);
 }
 
-bool GpuMonitorVorn::linux_drm_read_subvendor_id(unsigned long card, unsigned long* id) {
-  return read_id4(this, card, "subsystem_vendor", id);
+bool read_subvendor_id(unsigned long card, unsigned long* id) {
+  return read_id(card, "subsystem_vendor", false, id);
 }
 
-bool GpuMonitorVorn::linux_drm_read_subdevice_id(unsigned long card, unsigned long* id) {
-  return read_id4(this, card, "subsystem_device", id);
+bool read_subdevice_id(unsigned long card, unsigned long* id) {
+  return read_id(card, "subsystem_device", false, id);
 }
 
-// The revision has two hex digits (positions 2 and 3).
-bool GpuMonitorVorn::linux_drm_read_revision_id(unsigned long card, unsigned long* id) {
-  if (id == nullptr) return false;
-  char path[drm_sysfs::kPathSize];
-  drm_sysfs::format_path(path, "/sys/class/drm/card%d/device/revision", as_path_number(card));
-  char line[drm_sysfs::kLineSize];
-  if (!drm_sysfs::read_first_line(path, line, sizeof line)) return false;
-  *id = static_cast<uint32_t>(str_to_hex2(line[2], line[3]));
-  return true;
+bool read_revision_id(unsigned long card, unsigned long* id) {
+  return read_id(card, "revision", true, id);
 }
+
+}  // namespace drm_backend

@@ -1,8 +1,8 @@
-// Small helpers shared by the DRM readers: every sysfs value is read by
-// building its path, opening the file, reading its first line into a cleared
-// fixed buffer and closing the file again (open, read, close: no stdio, no
-// heap, and a file that would block reads as empty). Nothing is kept between
-// calls.
+// Fetching for the DRM readers: every sysfs value is read by building its
+// path, opening the file, reading its first line into a cleared fixed buffer
+// and closing the file again (open, read, close: no stdio, no heap, and a
+// file that would block reads as empty). Nothing is kept between calls; what
+// the line says is drm_parse's.
 #pragma once
 
 #include "io/sysfs_path.h"
@@ -24,25 +24,7 @@ constexpr int kShortLineSize = 128;
 // always closed.
 bool read_first_line(const char* path, char* line, int size);
 
-// The decimal number a line starts with (leading blanks skipped, 0 when
-// there is none), divided by `divisor` with truncation toward zero and kept
-// within the range of an int. Values are read as 64-bit numbers: clocks in Hz
-// pass 2^31 on current boards (2.5 GHz is 2500000000).
-int scaled_decimal(const char* line, long long divisor);
-
-// Removes one trailing newline.
-void cut_newline(char* line);
-
-}  // namespace drm_sysfs
-
-namespace drm_sysfs {
-
-// The unsigned decimal number a line starts with (leading blanks skipped):
-// false when the line does not start with a digit or the number does not fit
-// 64 bits. Counters such as energy<i>_input (µJ) pass 2^32 within hours.
-bool parse_unsigned(const char* line, unsigned long long* value);
-
-// Reads `path` and parses its first line with parse_unsigned.
+// Reads `path` and parses its first line with drm_parse::parse_unsigned.
 bool read_unsigned(const char* path, unsigned long long* value);
 
 }  // namespace drm_sysfs

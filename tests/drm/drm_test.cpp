@@ -278,12 +278,17 @@ TEST(DrmScan, CountsMonitorableRecords) {
   struct Count {
     const char* machine;
     uint64_t drm, monitorable;
+    Edits edits;
   };
-  for (const Count& c : {Count{"intel-arc-a770-i915", 2, 2}, Count{"amd-multi-card-gaps", 3, 3},
-                         Count{"amd-sriov-vf-no-hwmon", 1, 1}}) {
+  // The virtual function without its busy percent has no sensor at all.
+  const Edits no_busy = {{"/sys/class/drm/card0/device/gpu_busy_percent", nullptr}};
+  for (const Count& c :
+       {Count{"intel-arc-a770-i915", 2, 2, {}}, Count{"amd-multi-card-gaps", 3, 3, {}},
+        Count{"amd-sriov-vf-no-hwmon", 1, 1, {}}, Count{"amd-sriov-vf-no-hwmon", 1, 0, no_busy}}) {
     SCOPED_TRACE(c.machine);
     MachineScope scope(c.machine);
     ASSERT_TRUE(scope.ok()) << scope.error();
+    drm_test::edit(c.edits);
     testing_support::TraceCapture traces;
     GpuMonitorVorn monitor;
     EXPECT_TRUE(monitor.linux_drm_init_gpus());

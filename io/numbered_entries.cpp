@@ -1,4 +1,4 @@
-#include "backends/drm/drm_entries.h"
+#include "io/numbered_entries.h"
 
 #include <dirent.h>
 
@@ -6,11 +6,8 @@
 #include <climits>
 #include <cstring>
 
-namespace drm_entries {
+namespace numbered_entries {
 
-namespace {
-
-// N for "<prefix>N", -1 for any other name or a number beyond an int.
 int number_after(const char* name, const char* prefix) {
   const size_t length = std::strlen(prefix);
   if (std::strncmp(name, prefix, length) != 0 || name[length] == '\0') return -1;
@@ -24,9 +21,7 @@ int number_after(const char* name, const char* prefix) {
   return static_cast<int>(n);
 }
 
-}  // namespace
-
-std::vector<int> numbered(const char* folder, const char* prefix) {
+std::vector<int> list(const char* folder, const char* prefix) {
   std::vector<int> numbers;
   DIR* dir = opendir(folder);
   if (dir == nullptr) return numbers;
@@ -40,4 +35,4 @@ std::vector<int> numbered(const char* folder, const char* prefix) {
   return numbers;
 }
 
-}  // namespace drm_entries
+}  // namespace numbered_entries
