@@ -10,67 +10,71 @@
 
 namespace {
 
-// A table member by its offset (no address to relocate) and the symbol it is
-// resolved from.
-struct Slot {
-  const char* symbol;
-  size_t offset;
-};
+// Every entry of the table in lookup order: ENTRY(name) fills the member
+// of that name from the symbol of that name; NAMED(symbol, member) fills
+// `member` from `symbol`. The slot after the running-process queries is
+// looked up under the name "dlsym"; it is never called, and the lookup is
+// kept as it is.
+// clang-format off
+#define NVML_ENTRY_POINTS(ENTRY, NAMED) \
+  ENTRY(nvmlInit) \
+  ENTRY(nvmlInit_v2) \
+  ENTRY(nvmlShutdown) \
+  ENTRY(nvmlSystemGetNVMLVersion) \
+  ENTRY(nvmlSystemGetProcessName) \
+  ENTRY(nvmlDeviceGetCount) \
+  ENTRY(nvmlDeviceGetCount_v2) \
+  ENTRY(nvmlDeviceGetHandleByIndex) \
+  ENTRY(nvmlDeviceGetName) \
+  ENTRY(nvmlDeviceGetPciInfo) \
+  ENTRY(nvmlSystemGetDriverVersion) \
+  ENTRY(nvmlDeviceGetBrand) \
+  ENTRY(nvmlDeviceGetSerial) \
+  ENTRY(nvmlDeviceGetMemoryInfo) \
+  ENTRY(nvmlDeviceGetCudaComputeCapability) \
+  ENTRY(nvmlDeviceGetComputeRunningProcesses) \
+  ENTRY(nvmlDeviceGetGraphicsRunningProcesses) \
+  NAMED(dlsym, dlsym_slot) \
+  ENTRY(nvmlDeviceGetMaxClockInfo) \
+  ENTRY(nvmlDeviceGetClock) \
+  ENTRY(nvmlDeviceGetMaxCustomerBoostClock) \
+  ENTRY(nvmlDeviceGetFanSpeed) \
+  ENTRY(nvmlDeviceGetTemperature) \
+  ENTRY(nvmlDeviceGetTemperatureThreshold) \
+  ENTRY(nvmlDeviceGetPowerUsage) \
+  ENTRY(nvmlDeviceGetTotalEnergyConsumption) \
+  ENTRY(nvmlDeviceGetEnforcedPowerLimit) \
+  ENTRY(nvmlDeviceGetPowerManagementDefaultLimit) \
+  ENTRY(nvmlDeviceGetPowerManagementLimitConstraints) \
+  ENTRY(nvmlDeviceGetPowerManagementLimit) \
+  ENTRY(nvmlDeviceGetPowerState) \
+  ENTRY(nvmlDeviceGetPcieThroughput) \
+  ENTRY(nvmlDeviceGetCurrentClocksThrottleReasons) \
+  ENTRY(nvmlDeviceGetUtilizationRates) \
+  ENTRY(nvmlDeviceGetProcessUtilization) \
+  ENTRY(nvmlDeviceGetPlatformInfo) \
+  ENTRY(nvmlDeviceGetAttributes_v2) \
+  ENTRY(nvmlDeviceGetFanSpeed_v2) \
+  ENTRY(nvmlDeviceGetFanSpeedRPM_v2) \
+  ENTRY(nvmlDeviceGetNumFans) \
+  ENTRY(nvmlDeviceGetNumGpuCores) \
+  ENTRY(nvmlDeviceGetMemoryBusWidth) \
+  ENTRY(nvmlDeviceGetArchitecture) \
+  ENTRY(nvmlDeviceGetFanSpeedRPM) \
+  ENTRY(nvmlDeviceGetVbiosVersion)
+// clang-format on
 
-#define ENTRY(name) \
-  { #name, offsetof(NvmlEntryPoints, name) }
+// The symbols, one after the other, each ended by its NUL, and the offset of
+// the member each fills: plain data, nothing for the loader to relocate.
+#define SYMBOL(name) #name "\0"
+#define NAMED_SYMBOL(symbol, member) #symbol "\0"
+const char kSymbols[] = NVML_ENTRY_POINTS(SYMBOL, NAMED_SYMBOL);
 
-const Slot kSlots[kNvmlEntryPointCount] = {
-    ENTRY(nvmlInit),
-    ENTRY(nvmlInit_v2),
-    ENTRY(nvmlShutdown),
-    ENTRY(nvmlSystemGetNVMLVersion),
-    ENTRY(nvmlSystemGetProcessName),
-    ENTRY(nvmlDeviceGetCount),
-    ENTRY(nvmlDeviceGetCount_v2),
-    ENTRY(nvmlDeviceGetHandleByIndex),
-    ENTRY(nvmlDeviceGetName),
-    ENTRY(nvmlDeviceGetPciInfo),
-    ENTRY(nvmlSystemGetDriverVersion),
-    ENTRY(nvmlDeviceGetBrand),
-    ENTRY(nvmlDeviceGetSerial),
-    ENTRY(nvmlDeviceGetMemoryInfo),
-    ENTRY(nvmlDeviceGetCudaComputeCapability),
-    ENTRY(nvmlDeviceGetComputeRunningProcesses),
-    ENTRY(nvmlDeviceGetGraphicsRunningProcesses),
-    // The slot after the running-process queries is looked up under the
-    // name "dlsym". It is never called; the lookup is kept as it is.
-    {"dlsym", offsetof(NvmlEntryPoints, dlsym_slot)},
-    ENTRY(nvmlDeviceGetMaxClockInfo),
-    ENTRY(nvmlDeviceGetClock),
-    ENTRY(nvmlDeviceGetMaxCustomerBoostClock),
-    ENTRY(nvmlDeviceGetFanSpeed),
-    ENTRY(nvmlDeviceGetTemperature),
-    ENTRY(nvmlDeviceGetTemperatureThreshold),
-    ENTRY(nvmlDeviceGetPowerUsage),
-    ENTRY(nvmlDeviceGetTotalEnergyConsumption),
-    ENTRY(nvmlDeviceGetEnforcedPowerLimit),
-    ENTRY(nvmlDeviceGetPowerManagementDefaultLimit),
-    ENTRY(nvmlDeviceGetPowerManagementLimitConstraints),
-    ENTRY(nvmlDeviceGetPowerManagementLimit),
-    ENTRY(nvmlDeviceGetPowerState),
-    ENTRY(nvmlDeviceGetPcieThroughput),
-    ENTRY(nvmlDeviceGetCurrentClocksThrottleReasons),
-    ENTRY(nvmlDeviceGetUtilizationRates),
-    ENTRY(nvmlDeviceGetProcessUtilization),
-    ENTRY(nvmlDeviceGetPlatformInfo),
-    ENTRY(nvmlDeviceGetAttributes_v2),
-    ENTRY(nvmlDeviceGetFanSpeed_v2),
-    ENTRY(nvmlDeviceGetFanSpeedRPM_v2),
-    ENTRY(nvmlDeviceGetNumFans),
-    ENTRY(nvmlDeviceGetNumGpuCores),
-    ENTRY(nvmlDeviceGetMemoryBusWidth),
-    ENTRY(nvmlDeviceGetArchitecture),
-    ENTRY(nvmlDeviceGetFanSpeedRPM),
-    ENTRY(nvmlDeviceGetVbiosVersion),
-};
-
-#undef ENTRY
+#define OFFSET(name) offsetof(NvmlEntryPoints, name),
+#define NAMED_OFFSET(symbol, member) offsetof(NvmlEntryPoints, member),
+const unsigned short kOffsets[] = {NVML_ENTRY_POINTS(OFFSET, NAMED_OFFSET)};
+static_assert(sizeof kOffsets / sizeof kOffsets[0] == kNvmlEntryPointCount,
+              "one symbol per entry point");
 
 }  // namespace
 
@@ -78,9 +82,11 @@ void nvml_resolve_entry_points(void* library, NvmlEntryPoints* api) {
   // Pointer-to-function and void* share size and representation on the
   // platforms this plug-in is built for (POSIX requires it of dlsym).
   unsigned char* table = reinterpret_cast<unsigned char*>(api);
-  for (const Slot& slot : kSlots) {
-    void* symbol = dlsym(library, slot.symbol);
-    std::memcpy(table + slot.offset, &symbol, sizeof symbol);
+  const char* symbol = kSymbols;
+  for (unsigned short offset : kOffsets) {
+    void* address = dlsym(library, symbol);
+    std::memcpy(table + offset, &address, sizeof address);
+    symbol += std::strlen(symbol) + 1;
   }
 }
 
