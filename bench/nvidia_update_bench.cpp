@@ -21,7 +21,6 @@
 #include <fstream>
 #include <string>
 
-#include "backends/nvidia/nvml_binding.h"
 #include "file_calls.h"
 #include "heap_counter.h"
 #include "machine.h"
@@ -96,7 +95,7 @@ double thread_seconds() {
 // sizing call, then the samples; the names of processes already seen are
 // not asked again).
 void bare_nvml_calls(GpuMonitorVorn& monitor) {
-  const NvmlEntryPoints& api = g_nvml;
+  const NvmlEntryPoints& api = monitor.nvml_state.api;
   static nvml::ProcessUtilizationSample samples[GpuMonitorVorn::kMaxProcessSamples];
   for (unsigned long i = 0; i < monitor.nvml_get_num_gpus(); ++i) {
     const zev::GPU* gpu = monitor.nvml_get_gpu(i);
@@ -150,8 +149,8 @@ void update_nvml(benchmark::State& state) {
     state.SkipWithError("NVML discovery found no GPU");
     return;
   }
-  auto calls =
-      reinterpret_cast<unsigned long (*)()>(dlsym(monitor.nvml_lib_handle, "zev_fake_nvml_calls"));
+  auto calls = reinterpret_cast<unsigned long (*)()>(
+      dlsym(monitor.nvml_state.library, "zev_fake_nvml_calls"));
   if (calls == nullptr) {
     // A real libnvidia-ml.so on this system was found first.
     state.SkipWithError("the monitor did not load the fake NVML");

@@ -263,13 +263,7 @@ bool GpuMonitorVorn::gpu_read_fan_speed(unsigned long index) {
   if (gpu == nullptr) return false;
 
   // nvidia-smi reports one fan; its record is made on first success.
-  if (nv_smi_source(gpu)) {
-    int percent = 0;
-    if (linux_nv_smi_read_gpu_fan_speed(gpu->nvidia_gpu_index, &percent)) {
-      store_fan_percent(single_fan(gpu), static_cast<float>(percent));
-      return true;
-    }
-  }
+  if (nv_smi_source(gpu) && nvidia_backend::nv_smi_refresh_fan(gpu)) return true;
 
   // DRM fans were counted and allocated by the scan; fan i is hwmon fan
   // i + 1. A fan that fails keeps its last values.
@@ -287,15 +281,10 @@ bool GpuMonitorVorn::gpu_read_fan_speed(unsigned long index) {
   return true;
 }
 
-// Video memory in use, a reading no dispatcher of the first design made:
-// nvidia-smi's memory.used (MiB). A failed read keeps the last value.
+// Video memory in use, on the nvidia-smi path.
 bool GpuMonitorVorn::gpu_read_vram_used(unsigned long index) {
   zev::GPU* gpu = get_gpu(index);
-  if (gpu == nullptr || !nv_smi_source(gpu)) return false;
-  int mib = 0;
-  if (!linux_nv_smi_read_gpu_vram_used(gpu->nvidia_gpu_index, &mib)) return false;
-  store_memory_reading(gpu, mib);
-  return true;
+  return gpu != nullptr && nv_smi_source(gpu) && nvidia_backend::nv_smi_refresh_vram_used(gpu);
 }
 
 // Reads the stored values only.

@@ -124,6 +124,14 @@ void GpuMonitorVorn::sort_gpus_by_bus_id() {
 
 unsigned long GpuMonitorVorn::get_num_monitorable_gpus() { return num_monitorable_gpus; }
 
+void GpuMonitorVorn::release_if_unlisted(zev::GPU* gpu) {
+  for (unsigned long i = 0; i < kMaxGpus; ++i) {
+    if (gpus[i] == gpu || nvml_gpus[i] == gpu) return;
+  }
+  gpu_record::free_record_arrays(gpu);
+  delete gpu;
+}
+
 unsigned long GpuMonitorVorn::nvml_get_num_gpus() { return nvml_gpus_count; }
 
 zev::GPU* GpuMonitorVorn::nvml_get_gpu(unsigned long index) {

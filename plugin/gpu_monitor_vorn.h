@@ -10,7 +10,7 @@
 #include <string>
 
 #include "backends/drm/drm_backend.h"
-#include "backends/nvidia/nvml_types.h"
+#include "backends/nvidia/nvidia_backend.h"
 #include "io/copy_text.h"
 #include "zev/gpu.h"
 #include "zev/gpu_monitor.h"
@@ -29,8 +29,9 @@ class cDisplayDeviceId {
 class GpuMonitorVorn : public zev::GpuMonitor {
  public:
   static constexpr unsigned long kMaxGpus = 16;
+  static_assert(kMaxGpus == nvidia_backend::kMaxNvmlGpus, "the NVML state has room per listed GPU");
   // Per-process utilisation samples read from NVML at a time, per GPU.
-  static constexpr unsigned int kMaxProcessSamples = 256;
+  static constexpr unsigned int kMaxProcessSamples = nvidia_backend::kMaxProcessSamples;
 
   GpuMonitorVorn();
   ~GpuMonitorVorn() override;
@@ -109,6 +110,10 @@ class GpuMonitorVorn : public zev::GpuMonitor {
   unsigned long get_num_gpus_by_vendor(unsigned long vendor);
   void sort_gpus_by_bus_id();
   unsigned long get_num_monitorable_gpus();
+  // A record discovery made once the general list was full is in no list
+  // and nothing would ever free it: it is freed with its arrays here.
+  // Records in a list are left alone.
+  void release_if_unlisted(zev::GPU* gpu);
 
   // GPU database (gpudb/). Index functions return 0xFFFFFFFF for "not
   // found"; callers hold the result in an int and test for a negative value.
@@ -209,7 +214,9 @@ class GpuMonitorVorn : public zev::GpuMonitor {
   bool opengl_init(zev::Renderer* renderer, zev::RenderWindow* window) override;
   bool opengl_get_capability_4i(const char* name, int* v0, int* v1, int* v2, int* v3) override;
 
-  // NVIDIA back-ends (backends/nvidia/).
+  // NVIDIA back-ends (plugin/nvidia.cpp, over backends/nvidia/): the
+  // discoveries register and count the records the back-ends fill; the
+  // other members delegate.
   bool nvml_initialize();
   bool nvml_terminate();
   bool nvml_update_dynamic_data() override;
@@ -346,13 +353,9 @@ class GpuMonitorVorn : public zev::GpuMonitor {
   char (*gl_extensions)[64];
   int32_t gl_caps[59];
 
-  void* nvml_lib_handle;
-
-  // Per-process utilisation of the NVML GPUs (backends/nvidia/nvml_processes.cpp):
-  // the samples of one read, and the records each NVML GPU's table has room
-  // for, so that a refresh reuses them instead of allocating.
-  nvml::ProcessUtilizationSample nvml_process_samples[kMaxProcessSamples];
-  uint32_t nvml_process_capacity[kMaxGpus];
+  // The NVML library, its entry points and the per-process utilisation
+  // buffers (backends/nvidia/nvidia_backend.h).
+  nvidia_backend::NvmlState nvml_state;
 };
 
 // Entry point of the update thread (plugin/update.cpp).

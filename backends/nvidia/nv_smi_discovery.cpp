@@ -1,130 +1,136 @@
 // nvidia-smi discovery, the fallback when NVML cannot be used: every value is
 // one nvidia-smi process (16 per GPU, plus the count). Records found here
 // keep being read through the nvidia-smi readers by the sensor dispatch.
+#include <cstddef>
 #include <cstring>
 
+#include "backends/nvidia/nvidia_backend.h"
 #include "backends/nvidia/nvidia_discovery_common.h"
-#include "plugin/gpu_monitor_vorn.h"
+#include "io/copy_text.h"
 #include "record/record_writes.h"
+
+namespace nvidia_backend {
 
 namespace {
 
 using namespace gpu_record;
 
-void describe_gpu(GpuMonitorVorn* monitor, zev::GPU* gpu, unsigned long i) {
+// A text answer into `field`, traced with `format`.
+template <size_t N>
+void read_text(zev::Plugin* tracer, unsigned long i, NvSmiText which, char (&field)[N],
+               const char* format) {
   char text[128];
   std::memset(text, 0, sizeof text);
-  if (monitor->linux_nv_smi_read_gpu_name(i, text)) {
-    copy_text(gpu->name, sizeof gpu->name, text);
-    monitor->tracef("  - name: %s", gpu->name);
-  }
+  if (!nv_smi_read_text(i, which, text)) return;
+  copy_text(field, N, text);
+  tracer->tracef(format, field);
+}
+
+void describe_gpu(zev::Plugin* tracer, zev::GPU* gpu, unsigned long i) {
+  read_text(tracer, i, NvSmiText::kName, gpu->name, "  - name: %s");
 
   unsigned long first = 0;
   unsigned long second = 0;
-  if (monitor->linux_nv_smi_read_gpu_pci_device_id(i, &first, &second)) {
+  if (nv_smi_read_id_pair(i, NvSmiIdPair::kDevice, &first, &second)) {
     gpu->vendor_id = first;
     gpu->device_id = second;
-    monitor->tracef("  - device ID: %4X-%4X", static_cast<unsigned>(gpu->vendor_id),
-                    static_cast<unsigned>(gpu->device_id));
+    tracer->tracef("  - device ID: %4X-%4X", static_cast<unsigned>(gpu->vendor_id),
+                   static_cast<unsigned>(gpu->device_id));
   }
   first = 0;
   second = 0;
-  if (monitor->linux_nv_smi_read_gpu_pci_subdevice_id(i, &first, &second)) {
+  if (nv_smi_read_id_pair(i, NvSmiIdPair::kSubdevice, &first, &second)) {
     gpu->subvendor_id = first;
     gpu->subdevice_id = second;
-    monitor->tracef("  - subdevice ID: %4X-%4X", static_cast<unsigned>(gpu->subvendor_id),
-                    static_cast<unsigned>(gpu->subdevice_id));
+    tracer->tracef("  - subdevice ID: %4X-%4X", static_cast<unsigned>(gpu->subvendor_id),
+                   static_cast<unsigned>(gpu->subdevice_id));
   }
   unsigned long bus = 0;
-  if (monitor->linux_nv_smi_read_gpu_pci_bus_id(i, &bus)) {
+  if (nv_smi_read_bus(i, &bus)) {
     gpu->bus_id = static_cast<int32_t>(bus);
-    monitor->tracef("  - bus ID: %d", gpu->bus_id);
+    tracer->tracef("  - bus ID: %d", gpu->bus_id);
   }
 
-  std::memset(text, 0, sizeof text);
-  if (monitor->linux_nv_smi_read_driver_version(i, text)) {
-    copy_text(gpu->driver_version, sizeof gpu->driver_version, text);
-    monitor->tracef("  - driver: %s", gpu->driver_version);
-  }
-  std::memset(text, 0, sizeof text);
-  if (monitor->linux_nv_smi_read_vbios_version(i, text)) {
-    copy_text(gpu->vbios_version, sizeof gpu->vbios_version, text);
-    monitor->tracef("  - vbios: %s", gpu->vbios_version);
-  }
+  read_text(tracer, i, NvSmiText::kDriverVersion, gpu->driver_version, "  - driver: %s");
+  read_text(tracer, i, NvSmiText::kVbiosVersion, gpu->vbios_version, "  - vbios: %s");
 
   int value = 0;
-  if (monitor->linux_nv_smi_read_gpu_vram_size(i, &value)) {
+  if (nv_smi_read_number(i, NvSmiNumber::kVramSize, &value)) {
     gpu->vram_size_mb = value;
-    monitor->tracef("  - VRAM size: %d MB", value);
+    tracer->tracef("  - VRAM size: %d MB", value);
   }
 }
 
-void read_sensors(GpuMonitorVorn* monitor, zev::GPU* gpu, unsigned long i) {
+void read_sensors(zev::Plugin* tracer, zev::GPU* gpu, unsigned long i) {
   int value = 0;
-  if (monitor->linux_nv_smi_read_gpu_usage(i, &value)) {
+  if (nv_smi_read_number(i, NvSmiNumber::kGpuUsage, &value)) {
     store_usage_value(gpu->core_usage, static_cast<float>(value));
-    monitor->tracef("  - core usage: %d %%", value);
+    tracer->tracef("  - core usage: %d %%", value);
     mark_readable(gpu, kUsageFlag);
   }
-  if (monitor->linux_nv_smi_read_vram_usage(i, &value)) {
+  if (nv_smi_read_number(i, NvSmiNumber::kVramUsage, &value)) {
     store_usage_value(gpu->memory_usage, static_cast<float>(value));
-    monitor->tracef("  - mem usage: %d %%", value);
+    tracer->tracef("  - mem usage: %d %%", value);
   }
-  if (monitor->linux_nv_smi_read_gpu_temperature(i, &value)) {
+  if (nv_smi_read_number(i, NvSmiNumber::kGpuTemperature, &value)) {
     store_temperature_reading(gpu, kCoreTemperature, static_cast<float>(value));
-    monitor->tracef(
+    tracer->tracef(
         "  - core temperature: %d \xC2\xB0"
         "C",
         value);
     mark_readable(gpu, kTemperatureFlag);
   }
-  if (monitor->linux_nv_smi_read_vram_temperature(i, &value)) {
+  if (nv_smi_read_number(i, NvSmiNumber::kVramTemperature, &value)) {
     store_temperature_reading(gpu, kMemoryTemperature, static_cast<float>(value));
-    monitor->tracef(
+    tracer->tracef(
         "  - mem temperature: %d \xC2\xB0"
         "C",
         value);
   }
-  if (monitor->linux_nv_smi_read_gpu_power(i, &value)) {
+  if (nv_smi_read_number(i, NvSmiNumber::kGpuPower, &value)) {
     store_power_reading(&gpu->power, static_cast<float>(value));
-    monitor->tracef("  - power: %d W", value);
+    tracer->tracef("  - power: %d W", value);
   }
-  if (monitor->linux_nv_smi_read_gpu_core_clock(i, &value)) {
+  if (nv_smi_read_number(i, NvSmiNumber::kGpuCoreClock, &value)) {
     store_clock_value(&gpu->core_clock, static_cast<float>(value));
-    monitor->tracef("  - core clock: %d MHz", value);
+    tracer->tracef("  - core clock: %d MHz", value);
   }
-  if (monitor->linux_nv_smi_read_vram_clock(i, &value)) {
+  if (nv_smi_read_number(i, NvSmiNumber::kVramClock, &value)) {
     store_clock_value(&gpu->memory_clock, static_cast<float>(value));
-    monitor->tracef("  - mem clock: %d MHz", value);
+    tracer->tracef("  - mem clock: %d MHz", value);
   }
   // The fan and the video memory in use, which the first design read from
   // the first refresh on only: the record after discovery holds them as it
   // holds the other sensors. Nothing is traced for them.
-  monitor->gpu_read_fan_speed(gpu->index);
-  monitor->gpu_read_vram_used(gpu->index);
+  nv_smi_refresh_fan(gpu);
+  nv_smi_refresh_vram_used(gpu);
 }
 
 }  // namespace
 
-bool GpuMonitorVorn::linux_nv_smi_init_gpus() {
-  unsigned long count = 0;
-  if (!linux_nv_smi_read_num_gpus(&count)) return false;
-  tracef("scanning NVIDIA GPUs...");
-  num_nv_smi_detected = count;
-
-  // A count past the list's capacity (or a garbled one) stops once the list
-  // is full: later records would be in no list, and every one costs 16
-  // processes.
-  for (unsigned long i = 0; i < count && num_gpus < kMaxGpus; ++i) {
-    zev::GPU* gpu = create_gpu();
-    tracef("> GPU %d", static_cast<int>(i));
-    gpu->nvidia_gpu_index = static_cast<int32_t>(i);
-
-    describe_gpu(this, gpu, i);
-    read_sensors(this, gpu, i);
-    nvidia_name_from_database(gpu, ShaderCountSource::kDatabaseAlways);
-    nvidia_check_rop_count(this, gpu, i);
-    if (gpu->monitorable) ++num_monitorable_gpus;
-  }
-  return count != 0;
+void nv_smi_read_device(zev::Plugin* tracer, zev::GPU* gpu, unsigned long index) {
+  gpu->nvidia_gpu_index = static_cast<int32_t>(index);
+  describe_gpu(tracer, gpu, index);
+  read_sensors(tracer, gpu, index);
+  nvidia_name_from_database(gpu, ShaderCountSource::kDatabaseAlways);
+  check_rop_count(tracer, gpu, index);
 }
+
+// nvidia-smi reports one fan; its record is made on first success.
+bool nv_smi_refresh_fan(zev::GPU* gpu) {
+  int percent = 0;
+  if (!nv_smi_read_number(gpu->nvidia_gpu_index, NvSmiNumber::kFanSpeed, &percent)) return false;
+  store_fan_percent(single_fan(gpu), static_cast<float>(percent));
+  return true;
+}
+
+// Video memory in use, a reading no dispatcher of the first design made:
+// nvidia-smi's memory.used (MiB). A failed read keeps the last value.
+bool nv_smi_refresh_vram_used(zev::GPU* gpu) {
+  int mib = 0;
+  if (!nv_smi_read_number(gpu->nvidia_gpu_index, NvSmiNumber::kVramUsed, &mib)) return false;
+  store_memory_reading(gpu, mib);
+  return true;
+}
+
+}  // namespace nvidia_backend

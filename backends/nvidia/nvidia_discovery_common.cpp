@@ -2,10 +2,8 @@
 // them.
 #include "backends/nvidia/nvidia_discovery_common.h"
 
-#include <cstring>
-
+#include "backends/nvidia/nvidia_backend.h"
 #include "gpudb/gpu_db.h"
-#include "record/record_writes.h"
 
 namespace {
 
@@ -34,28 +32,24 @@ void nvidia_name_from_database(zev::GPU* gpu, ShaderCountSource shaders) {
   gpu->tdp_w = static_cast<uint32_t>(gpudb::tdp(gpu->vendor_id, index));
 }
 
-void nvidia_check_rop_count(GpuMonitorVorn* monitor, zev::GPU* gpu, unsigned long index) {
+namespace nvidia_backend {
+
+void check_rop_count(zev::Plugin* tracer, zev::GPU* gpu, unsigned long index) {
   int rops = 0;
-  const int rc = monitor->linux_nv_read_rop_counter(index, &rops);
+  const int rc = read_rop_counter(index, &rops);
   if (rc != 0) {
-    monitor->tracef("  - ROP counter (from driver): not available (err: %d)", rc);
+    tracer->tracef("  - ROP counter (from driver): not available (err: %d)", rc);
     return;
   }
   gpu->num_rops = static_cast<uint32_t>(rops);
-  monitor->tracef("  - ROP counter (from driver): %d", rops);
+  tracer->tracef("  - ROP counter (from driver): %d", rops);
   // The database count is signed data kept in an unsigned field: -1 (unknown)
   // must not count as a large number of ROPs.
   const int db_rops = static_cast<int>(gpu->db_num_rops);
   if (db_rops > 0 && gpu->rop_check_code == kRopCheckCode) {
     const int missing = db_rops - static_cast<int>(gpu->num_rops);
-    if (missing > 0) monitor->tracef("  - warning: GPU with missing ROP (%d) detected", missing);
+    if (missing > 0) tracer->tracef("  - warning: GPU with missing ROP (%d) detected", missing);
   }
 }
 
-void nvidia_release_if_unlisted(GpuMonitorVorn* monitor, zev::GPU* gpu) {
-  for (unsigned long i = 0; i < GpuMonitorVorn::kMaxGpus; ++i) {
-    if (monitor->gpus[i] == gpu || monitor->nvml_gpus[i] == gpu) return;
-  }
-  gpu_record::free_record_arrays(gpu);
-  delete gpu;
-}
+}  // namespace nvidia_backend

@@ -1,9 +1,9 @@
 // Steps shared by the two NVIDIA discoveries (NVML and nvidia-smi): naming a
-// record from the GPU database, and checking its ROP count with the kernel
-// driver.
+// record from the GPU database (the driver's ROP check is in the public
+// header: check_rop_count).
 #pragma once
 
-#include "plugin/gpu_monitor_vorn.h"
+#include "zev/gpu.h"
 
 // Which shader count a database hit leaves in num_shader_cores.
 enum class ShaderCountSource {
@@ -15,12 +15,3 @@ enum class ShaderCountSource {
 // driver's), shader, texture-unit and ROP counts, TDP. An unknown device
 // leaves the record untouched.
 void nvidia_name_from_database(zev::GPU* gpu, ShaderCountSource shaders);
-
-// Asks the driver for the ROP count of device `index` and traces the result;
-// a count from the driver replaces the database's in num_rops.
-void nvidia_check_rop_count(GpuMonitorVorn* monitor, zev::GPU* gpu, unsigned long index);
-
-// A record created once the general list is full is in no list and nothing
-// would ever free it: discovery hands it here after its steps, and it is
-// freed with its arrays. Records that made it into the list are left alone.
-void nvidia_release_if_unlisted(GpuMonitorVorn* monitor, zev::GPU* gpu);

@@ -1,28 +1,37 @@
 // nvidia-settings readers: older utilities that ask NVIDIA's X-server
 // configuration tool through popen. Nothing in discovery or refresh calls
-// them; they stay part of the monitor's interface.
+// them; they stay part of the monitor's interface. Each fetches its answer
+// here and parses it with nvidia_settings_answers.h.
+#include <cstddef>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 
+#include "backends/nvidia/nvidia_backend.h"
+#include "backends/nvidia/nvidia_settings_answers.h"
 #include "io/command_pipe.h"
-#include "plugin/gpu_monitor_vorn.h"
+
+namespace nvidia_backend {
 
 namespace {
 
-// Reads the output of `command` line by line (at most 127 characters each)
-// until one converts to a value above 0. A reading of exactly 0 (a stopped
-// fan) is no reading.
-bool first_positive(const char* command, bool as_integer, float* out) {
+using Parse = bool (*)(const char* line, float* out);
+
+// The terse query of GPU `index`'s `attribute`, into a zeroed 128-byte buffer.
+void format_gpu_query(char (&command)[128], unsigned long index, const char* attribute) {
+  std::memset(command, 0, sizeof command);
+  std::snprintf(command, sizeof command, "nvidia-settings -q [gpu:%lu]/%s -t", index, attribute);
+}
+
+// Runs `command` and reads its output line by line (at most 127 characters
+// each) until one parses.
+template <Parse parse>
+bool first_reading(const char* command, float* out) {
   FILE* pipe = popen(command, "r");
   if (pipe == nullptr) return false;
   char line[128];
   std::memset(line, 0, sizeof line);
   while (std::fgets(line, sizeof line, pipe) != nullptr) {
-    const float value =
-        as_integer ? static_cast<float>(std::atoi(line)) : static_cast<float>(std::atof(line));
-    if (value > 0.0f) {
-      *out = value;
+    if (parse(line, out)) {
       pclose(pipe);
       return true;
     }
@@ -31,67 +40,43 @@ bool first_positive(const char* command, bool as_integer, float* out) {
   return false;
 }
 
-// Sensor names go to a shell (as a grep pattern): only letters, digits and
-// underscores are accepted, which is what nvidia-settings attribute names
-// are made of.
-bool is_attribute_name(const char* name) {
-  if (name[0] == '\0') return false;
-  for (const char* c = name; *c != '\0'; ++c) {
-    const bool letter = (*c >= 'a' && *c <= 'z') || (*c >= 'A' && *c <= 'Z');
-    const bool digit = *c >= '0' && *c <= '9';
-    if (!letter && !digit && *c != '_') return false;
-  }
-  return true;
-}
-
 }  // namespace
 
-bool GpuMonitorVorn::linux_nvidia_get_driver_version(unsigned long, float* version) {
+bool nvidia_settings_read_driver_version(float* version) {
   if (version == nullptr) return false;
-  char command[128];
-  std::memset(command, 0, sizeof command);
-  std::snprintf(command, sizeof command, "nvidia-settings -q NvidiaDriverVersion -t");
-  return first_positive(command, false, version);
+  return first_reading<nvidia_settings_answer::parse_positive_decimal>(
+      "nvidia-settings -q NvidiaDriverVersion -t", version);
 }
 
-bool GpuMonitorVorn::linux_nvidia_gpu_get_core_temp(unsigned long index, float* celsius) {
+bool nvidia_settings_read_core_temperature(unsigned long index, float* celsius) {
   if (celsius == nullptr) return false;
   char command[128];
-  std::memset(command, 0, sizeof command);
-  std::snprintf(command, sizeof command, "nvidia-settings -q [gpu:%lu]/GPUCoreTemp -t", index);
-  return first_positive(command, true, celsius);
+  format_gpu_query(command, index, "GPUCoreTemp");
+  return first_reading<nvidia_settings_answer::parse_positive_integer>(command, celsius);
 }
 
-bool GpuMonitorVorn::linux_nvidia_gpu_get_fan_speed(unsigned long index, float* percent) {
+bool nvidia_settings_read_fan_speed(unsigned long index, float* percent) {
   if (percent == nullptr) return false;
   char command[128];
-  std::memset(command, 0, sizeof command);
-  std::snprintf(command, sizeof command, "nvidia-settings -q [gpu:%lu]/GPUCurrentFanSpeed -t",
-                index);
-  return first_positive(command, true, percent);
+  format_gpu_query(command, index, "GPUCurrentFanSpeed");
+  return first_reading<nvidia_settings_answer::parse_positive_integer>(command, percent);
 }
 
-bool GpuMonitorVorn::linux_nvidia_gpu_get_usages(unsigned long index, float* gpu_usage,
-                                                 float* memory_usage) {
+bool nvidia_settings_read_usages(unsigned long index, float* gpu_usage, float* memory_usage) {
   if (gpu_usage == nullptr && memory_usage == nullptr) return false;
   char command[128];
-  std::memset(command, 0, sizeof command);
-  std::snprintf(command, sizeof command, "nvidia-settings -q [gpu:%lu]/GPUUtilization -t", index);
+  format_gpu_query(command, index, "GPUUtilization");
   char line[128];
   if (first_line_of(command, line, sizeof line) != PipeAnswer::kLine) return false;
-  int graphics = 0;
-  int memory = 0;
-  int video = 0;
-  int pcie = 0;
-  std::sscanf(line, "graphics=%d, memory=%d, video=%d, PCIe=%d", &graphics, &memory, &video, &pcie);
+  const nvidia_settings_answer::Utilization u = nvidia_settings_answer::parse_utilization(line);
   // An idle GPU (0 %) stores nothing and still counts as read.
-  if (graphics >= 1 && gpu_usage != nullptr) *gpu_usage = static_cast<float>(graphics);
-  if (memory > 0 && memory_usage != nullptr) *memory_usage = static_cast<float>(memory);
+  if (u.graphics >= 1 && gpu_usage != nullptr) *gpu_usage = static_cast<float>(u.graphics);
+  if (u.memory > 0 && memory_usage != nullptr) *memory_usage = static_cast<float>(u.memory);
   return true;
 }
 
-bool GpuMonitorVorn::linux_nvidia_is_sensor_available(unsigned long, const char* name) {
-  if (name == nullptr || !is_attribute_name(name)) return false;
+bool nvidia_settings_has_attribute(const char* name) {
+  if (name == nullptr || !nvidia_settings_answer::is_attribute_name(name)) return false;
   char command[256];
   std::memset(command, 0, sizeof command);
   const int length =
@@ -101,9 +86,11 @@ bool GpuMonitorVorn::linux_nvidia_is_sensor_available(unsigned long, const char*
   if (pipe == nullptr) return false;
   char line[256];
   std::memset(line, 0, sizeof line);
-  // A line means the sensor exists. The pipe is deliberately left open on
+  // A line means the attribute exists. The pipe is deliberately left open on
   // that path: callers must not rely on it being closed.
   if (std::fgets(line, sizeof line, pipe) != nullptr) return true;
   pclose(pipe);
   return false;
 }
+
+}  // namespace nvidia_backend

@@ -3,101 +3,98 @@
 
 #include <dlfcn.h>
 
+#include <cstddef>
 #include <cstring>
 
-NvmlEntryPoints g_nvml = {};
+#include "record/record_writes.h"
 
 namespace {
 
-struct Slot {
-  const char* symbol;
-  void* target;  // the table member, written with the bytes of dlsym's answer
-};
+// Every entry of the table in lookup order: ENTRY(name) fills the member
+// of that name from the symbol of that name; NAMED(symbol, member) fills
+// `member` from `symbol`. The slot after the running-process queries is
+// looked up under the name "dlsym"; it is never called, and the lookup is
+// kept as it is.
+// clang-format off
+#define NVML_ENTRY_POINTS(ENTRY, NAMED) \
+  ENTRY(nvmlInit) \
+  ENTRY(nvmlInit_v2) \
+  ENTRY(nvmlShutdown) \
+  ENTRY(nvmlSystemGetNVMLVersion) \
+  ENTRY(nvmlSystemGetProcessName) \
+  ENTRY(nvmlDeviceGetCount) \
+  ENTRY(nvmlDeviceGetCount_v2) \
+  ENTRY(nvmlDeviceGetHandleByIndex) \
+  ENTRY(nvmlDeviceGetName) \
+  ENTRY(nvmlDeviceGetPciInfo) \
+  ENTRY(nvmlSystemGetDriverVersion) \
+  ENTRY(nvmlDeviceGetBrand) \
+  ENTRY(nvmlDeviceGetSerial) \
+  ENTRY(nvmlDeviceGetMemoryInfo) \
+  ENTRY(nvmlDeviceGetCudaComputeCapability) \
+  ENTRY(nvmlDeviceGetComputeRunningProcesses) \
+  ENTRY(nvmlDeviceGetGraphicsRunningProcesses) \
+  NAMED(dlsym, dlsym_slot) \
+  ENTRY(nvmlDeviceGetMaxClockInfo) \
+  ENTRY(nvmlDeviceGetClock) \
+  ENTRY(nvmlDeviceGetMaxCustomerBoostClock) \
+  ENTRY(nvmlDeviceGetFanSpeed) \
+  ENTRY(nvmlDeviceGetTemperature) \
+  ENTRY(nvmlDeviceGetTemperatureThreshold) \
+  ENTRY(nvmlDeviceGetPowerUsage) \
+  ENTRY(nvmlDeviceGetTotalEnergyConsumption) \
+  ENTRY(nvmlDeviceGetEnforcedPowerLimit) \
+  ENTRY(nvmlDeviceGetPowerManagementDefaultLimit) \
+  ENTRY(nvmlDeviceGetPowerManagementLimitConstraints) \
+  ENTRY(nvmlDeviceGetPowerManagementLimit) \
+  ENTRY(nvmlDeviceGetPowerState) \
+  ENTRY(nvmlDeviceGetPcieThroughput) \
+  ENTRY(nvmlDeviceGetCurrentClocksThrottleReasons) \
+  ENTRY(nvmlDeviceGetUtilizationRates) \
+  ENTRY(nvmlDeviceGetProcessUtilization) \
+  ENTRY(nvmlDeviceGetPlatformInfo) \
+  ENTRY(nvmlDeviceGetAttributes_v2) \
+  ENTRY(nvmlDeviceGetFanSpeed_v2) \
+  ENTRY(nvmlDeviceGetFanSpeedRPM_v2) \
+  ENTRY(nvmlDeviceGetNumFans) \
+  ENTRY(nvmlDeviceGetNumGpuCores) \
+  ENTRY(nvmlDeviceGetMemoryBusWidth) \
+  ENTRY(nvmlDeviceGetArchitecture) \
+  ENTRY(nvmlDeviceGetFanSpeedRPM) \
+  ENTRY(nvmlDeviceGetVbiosVersion)
+// clang-format on
 
-// Pointer-to-function and void* share size and representation on the
-// platforms this plug-in is built for (POSIX requires it of dlsym).
-template <typename Fn>
-void* slot_of(Fn* entry) {
-  static_assert(sizeof(Fn) == sizeof(void*), "entry points are plain pointers");
-  return entry;
-}
+// The symbols, one after the other, each ended by its NUL, and the offset of
+// the member each fills: plain data, nothing for the loader to relocate.
+#define SYMBOL(name) #name "\0"
+#define NAMED_SYMBOL(symbol, member) #symbol "\0"
+const char kSymbols[] = NVML_ENTRY_POINTS(SYMBOL, NAMED_SYMBOL);
 
-const Slot* slots() {
-  static const Slot table[kNvmlEntryPointCount] = {
-      {"nvmlInit", slot_of(&g_nvml.nvmlInit)},
-      {"nvmlInit_v2", slot_of(&g_nvml.nvmlInit_v2)},
-      {"nvmlShutdown", slot_of(&g_nvml.nvmlShutdown)},
-      {"nvmlSystemGetNVMLVersion", slot_of(&g_nvml.nvmlSystemGetNVMLVersion)},
-      {"nvmlSystemGetProcessName", slot_of(&g_nvml.nvmlSystemGetProcessName)},
-      {"nvmlDeviceGetCount", slot_of(&g_nvml.nvmlDeviceGetCount)},
-      {"nvmlDeviceGetCount_v2", slot_of(&g_nvml.nvmlDeviceGetCount_v2)},
-      {"nvmlDeviceGetHandleByIndex", slot_of(&g_nvml.nvmlDeviceGetHandleByIndex)},
-      {"nvmlDeviceGetName", slot_of(&g_nvml.nvmlDeviceGetName)},
-      {"nvmlDeviceGetPciInfo", slot_of(&g_nvml.nvmlDeviceGetPciInfo)},
-      {"nvmlSystemGetDriverVersion", slot_of(&g_nvml.nvmlSystemGetDriverVersion)},
-      {"nvmlDeviceGetBrand", slot_of(&g_nvml.nvmlDeviceGetBrand)},
-      {"nvmlDeviceGetSerial", slot_of(&g_nvml.nvmlDeviceGetSerial)},
-      {"nvmlDeviceGetMemoryInfo", slot_of(&g_nvml.nvmlDeviceGetMemoryInfo)},
-      {"nvmlDeviceGetCudaComputeCapability", slot_of(&g_nvml.nvmlDeviceGetCudaComputeCapability)},
-      {"nvmlDeviceGetComputeRunningProcesses",
-       slot_of(&g_nvml.nvmlDeviceGetComputeRunningProcesses)},
-      {"nvmlDeviceGetGraphicsRunningProcesses",
-       slot_of(&g_nvml.nvmlDeviceGetGraphicsRunningProcesses)},
-      // The slot after the running-process queries is looked up under the
-      // name "dlsym". It is never called; the lookup is kept as it is.
-      {"dlsym", &g_nvml.dlsym_slot},
-      {"nvmlDeviceGetMaxClockInfo", slot_of(&g_nvml.nvmlDeviceGetMaxClockInfo)},
-      {"nvmlDeviceGetClock", slot_of(&g_nvml.nvmlDeviceGetClock)},
-      {"nvmlDeviceGetMaxCustomerBoostClock", slot_of(&g_nvml.nvmlDeviceGetMaxCustomerBoostClock)},
-      {"nvmlDeviceGetFanSpeed", slot_of(&g_nvml.nvmlDeviceGetFanSpeed)},
-      {"nvmlDeviceGetTemperature", slot_of(&g_nvml.nvmlDeviceGetTemperature)},
-      {"nvmlDeviceGetTemperatureThreshold", slot_of(&g_nvml.nvmlDeviceGetTemperatureThreshold)},
-      {"nvmlDeviceGetPowerUsage", slot_of(&g_nvml.nvmlDeviceGetPowerUsage)},
-      {"nvmlDeviceGetTotalEnergyConsumption", slot_of(&g_nvml.nvmlDeviceGetTotalEnergyConsumption)},
-      {"nvmlDeviceGetEnforcedPowerLimit", slot_of(&g_nvml.nvmlDeviceGetEnforcedPowerLimit)},
-      {"nvmlDeviceGetPowerManagementDefaultLimit",
-       slot_of(&g_nvml.nvmlDeviceGetPowerManagementDefaultLimit)},
-      {"nvmlDeviceGetPowerManagementLimitConstraints",
-       slot_of(&g_nvml.nvmlDeviceGetPowerManagementLimitConstraints)},
-      {"nvmlDeviceGetPowerManagementLimit", slot_of(&g_nvml.nvmlDeviceGetPowerManagementLimit)},
-      {"nvmlDeviceGetPowerState", slot_of(&g_nvml.nvmlDeviceGetPowerState)},
-      {"nvmlDeviceGetPcieThroughput", slot_of(&g_nvml.nvmlDeviceGetPcieThroughput)},
-      {"nvmlDeviceGetCurrentClocksThrottleReasons",
-       slot_of(&g_nvml.nvmlDeviceGetCurrentClocksThrottleReasons)},
-      {"nvmlDeviceGetUtilizationRates", slot_of(&g_nvml.nvmlDeviceGetUtilizationRates)},
-      {"nvmlDeviceGetProcessUtilization", slot_of(&g_nvml.nvmlDeviceGetProcessUtilization)},
-      {"nvmlDeviceGetPlatformInfo", slot_of(&g_nvml.nvmlDeviceGetPlatformInfo)},
-      {"nvmlDeviceGetAttributes_v2", slot_of(&g_nvml.nvmlDeviceGetAttributes_v2)},
-      {"nvmlDeviceGetFanSpeed_v2", slot_of(&g_nvml.nvmlDeviceGetFanSpeed_v2)},
-      {"nvmlDeviceGetFanSpeedRPM_v2", slot_of(&g_nvml.nvmlDeviceGetFanSpeedRPM_v2)},
-      {"nvmlDeviceGetNumFans", slot_of(&g_nvml.nvmlDeviceGetNumFans)},
-      {"nvmlDeviceGetNumGpuCores", slot_of(&g_nvml.nvmlDeviceGetNumGpuCores)},
-      {"nvmlDeviceGetMemoryBusWidth", slot_of(&g_nvml.nvmlDeviceGetMemoryBusWidth)},
-      {"nvmlDeviceGetArchitecture", slot_of(&g_nvml.nvmlDeviceGetArchitecture)},
-      {"nvmlDeviceGetFanSpeedRPM", slot_of(&g_nvml.nvmlDeviceGetFanSpeedRPM)},
-      {"nvmlDeviceGetVbiosVersion", slot_of(&g_nvml.nvmlDeviceGetVbiosVersion)},
-  };
-  return table;
-}
+#define OFFSET(name) offsetof(NvmlEntryPoints, name),
+#define NAMED_OFFSET(symbol, member) offsetof(NvmlEntryPoints, member),
+const unsigned short kOffsets[] = {NVML_ENTRY_POINTS(OFFSET, NAMED_OFFSET)};
+static_assert(sizeof kOffsets / sizeof kOffsets[0] == kNvmlEntryPointCount,
+              "one symbol per entry point");
 
 }  // namespace
 
-const char* nvml_entry_point_name(unsigned long slot) {
-  return slot < kNvmlEntryPointCount ? slots()[slot].symbol : nullptr;
-}
-
-void nvml_resolve_entry_points(void* library) {
-  const Slot* table = slots();
-  for (unsigned long i = 0; i < kNvmlEntryPointCount; ++i) {
-    void* symbol = dlsym(library, table[i].symbol);
-    std::memcpy(table[i].target, &symbol, sizeof symbol);
+void nvml_resolve_entry_points(void* library, NvmlEntryPoints* api) {
+  // Pointer-to-function and void* share size and representation on the
+  // platforms this plug-in is built for (POSIX requires it of dlsym).
+  unsigned char* table = reinterpret_cast<unsigned char*>(api);
+  const char* symbol = kSymbols;
+  for (unsigned short offset : kOffsets) {
+    void* address = dlsym(library, symbol);
+    std::memcpy(table + offset, &address, sizeof address);
+    symbol += std::strlen(symbol) + 1;
   }
 }
 
-bool nvml_read_fan_rpm(nvml::Device device, unsigned int fan, float* rpm) {
-  const nvml::DeviceGetFanSpeedRpmFn get_rpm = g_nvml.nvmlDeviceGetFanSpeedRPM != nullptr
-                                                   ? g_nvml.nvmlDeviceGetFanSpeedRPM
-                                                   : g_nvml.nvmlDeviceGetFanSpeedRPM_v2;
+bool nvml_read_fan_rpm(const NvmlEntryPoints& api, nvml::Device device, unsigned int fan,
+                       float* rpm) {
+  const nvml::DeviceGetFanSpeedRpmFn get_rpm = api.nvmlDeviceGetFanSpeedRPM != nullptr
+                                                   ? api.nvmlDeviceGetFanSpeedRPM
+                                                   : api.nvmlDeviceGetFanSpeedRPM_v2;
   if (get_rpm == nullptr) return false;
   nvml::FanSpeedInfo info;
   info.version = nvml::kFanSpeedInfoVersion;
@@ -105,5 +102,18 @@ bool nvml_read_fan_rpm(nvml::Device device, unsigned int fan, float* rpm) {
   info.speed = 0;
   if (get_rpm(device, &info) != nvml::kSuccess) return false;
   *rpm = static_cast<float>(info.speed);
+  return true;
+}
+
+bool nvml_read_utilization(const NvmlEntryPoints& api, nvml::Device device, zev::GPU* gpu) {
+  nvml::Utilization utilization;
+  std::memset(&utilization, 0, sizeof utilization);
+  if (nvml_call(api.nvmlDeviceGetUtilizationRates, device, &utilization) != nvml::kSuccess) {
+    return false;
+  }
+  gpu->nvml_gpu_utilization = static_cast<int32_t>(utilization.gpu);
+  gpu->nvml_memory_utilization = static_cast<int32_t>(utilization.memory);
+  gpu_record::store_usage_value(gpu->core_usage, static_cast<float>(utilization.gpu));
+  gpu_record::store_usage_value(gpu->memory_usage, static_cast<float>(utilization.memory));
   return true;
 }

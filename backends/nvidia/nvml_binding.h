@@ -1,10 +1,11 @@
-// The NVML entry-point table: one process-wide set of function pointers,
-// filled with dlsym each time nvml_initialize() finds the library. A symbol
-// the library lacks leaves its pointer null. Discovery writes the table; the
-// refresh operations read it afterwards.
+// The NVML entry-point table: the library's functions, filled with dlsym
+// each time the back-end finds the library (it lives in the back-end's state,
+// nvidia_backend.h). A symbol the library lacks leaves its pointer null.
+// Discovery writes the table; the refresh operations read it afterwards.
 #pragma once
 
 #include "backends/nvidia/nvml_types.h"
+#include "zev/gpu.h"
 
 struct NvmlEntryPoints {
   nvml::InitFn nvmlInit;
@@ -58,22 +59,25 @@ struct NvmlEntryPoints {
   nvml::DeviceGetTextFn nvmlDeviceGetVbiosVersion;
 };
 
-// The table (process-wide; see above).
-extern NvmlEntryPoints g_nvml;
-
-// Number of table entries and the symbol each is resolved from, in the
-// order in which they are looked up.
+// Number of table entries.
 constexpr unsigned long kNvmlEntryPointCount = 45;
-const char* nvml_entry_point_name(unsigned long slot);
+static_assert(sizeof(NvmlEntryPoints) == kNvmlEntryPointCount * sizeof(void*),
+              "entry points are plain pointers");
 
-// Resolves every entry of the table from `library`, in table order.
-void nvml_resolve_entry_points(void* library);
+// Resolves every entry of `api` from `library`, in table order.
+void nvml_resolve_entry_points(void* library, NvmlEntryPoints* api);
 
 // Reads the RPM of fan `fan` through the RPM entry point real libraries
 // export (driver 570 and later), else the _v2 name the first design looked
 // up, which no real library exports. False, *rpm untouched, when the library
 // has neither or the read fails.
-bool nvml_read_fan_rpm(nvml::Device device, unsigned int fan, float* rpm);
+bool nvml_read_fan_rpm(const NvmlEntryPoints& api, nvml::Device device, unsigned int fan,
+                       float* rpm);
+
+// The GPU and memory-controller utilisation into the record (the raw
+// percentages and the usages' current values), as discovery and the refresh
+// read it. False, the record untouched, when it cannot be read.
+bool nvml_read_utilization(const NvmlEntryPoints& api, nvml::Device device, zev::GPU* gpu);
 
 // Calls an entry point that is used without a presence test. NVML libraries
 // that export nvmlInit and nvmlShutdown export these too; should one be

@@ -1,5 +1,5 @@
 // NVML discovery: loads NVIDIA's management library at run time, starts it,
-// and creates one GPU record per device it enumerates, filled with the
+// counts its devices, and fills the record the core makes for each with the
 // board's static description (identity, architecture, core counts, limits)
 // and a first reading of every sensor. Afterwards the NVML refresh
 // (nvml_dynamic.cpp) is the only source of fresh data for these records.
@@ -8,9 +8,9 @@
 #include <cstring>
 #include <new>
 
+#include "backends/nvidia/nvidia_backend.h"
 #include "backends/nvidia/nvidia_discovery_common.h"
-#include "backends/nvidia/nvml_binding.h"
-#include "plugin/gpu_monitor_vorn.h"
+#include "io/copy_text.h"
 #include "record/record_writes.h"
 
 namespace {
@@ -35,9 +35,7 @@ const char* architecture_name(nvml::DeviceArchitecture architecture) {
 }
 
 // Identity, units and architecture of one device.
-void read_description(zev::GPU* gpu, nvml::Device device) {
-  const NvmlEntryPoints& api = g_nvml;
-
+void read_description(const NvmlEntryPoints& api, zev::GPU* gpu, nvml::Device device) {
   if (api.nvmlDeviceGetArchitecture != nullptr) {
     nvml::DeviceArchitecture architecture = 0;
     if (api.nvmlDeviceGetArchitecture(device, &architecture) == nvml::kSuccess) {
@@ -80,8 +78,7 @@ void read_description(zev::GPU* gpu, nvml::Device device) {
 // Core temperature and the three thresholds. The four calls share one
 // output variable: a threshold whose call fails stores whatever the read
 // before it left there.
-void read_temperatures(zev::GPU* gpu, nvml::Device device) {
-  const NvmlEntryPoints& api = g_nvml;
+void read_temperatures(const NvmlEntryPoints& api, zev::GPU* gpu, nvml::Device device) {
   unsigned int celsius = 0;
   if (nvml_call(api.nvmlDeviceGetTemperature, device, nvml::kTemperatureGpu, &celsius) ==
       nvml::kSuccess) {
@@ -98,9 +95,7 @@ void read_temperatures(zev::GPU* gpu, nvml::Device device) {
 
 // Fans: every fan through the per-fan entry points when the library has
 // them, else the single-fan reading.
-void read_fans(zev::GPU* gpu, nvml::Device device) {
-  const NvmlEntryPoints& api = g_nvml;
-
+void read_fans(const NvmlEntryPoints& api, zev::GPU* gpu, nvml::Device device) {
   if (api.nvmlDeviceGetNumFans != nullptr && api.nvmlDeviceGetFanSpeed_v2 != nullptr) {
     unsigned int count = 0;
     api.nvmlDeviceGetNumFans(device, &count);
@@ -121,7 +116,7 @@ void read_fans(zev::GPU* gpu, nvml::Device device) {
 
       // Through the RPM entry point of real libraries (driver 570 and later)
       // too, not only the _v2 name, which no real library exports.
-      nvml_read_fan_rpm(device, f, &gpu->fans[f].rpm);
+      nvml_read_fan_rpm(api, device, f, &gpu->fans[f].rpm);
     }
     gpu->sensor_available[kFanFlag] = 1;
     return;
@@ -138,8 +133,7 @@ void read_fans(zev::GPU* gpu, nvml::Device device) {
 
 // Maximum and current clocks. Graphics, SM and memory are read in turn into
 // one variable; the SM value is the core clock. Results are not checked.
-void read_clocks(zev::GPU* gpu, nvml::Device device) {
-  const NvmlEntryPoints& api = g_nvml;
+void read_clocks(const NvmlEntryPoints& api, zev::GPU* gpu, nvml::Device device) {
   unsigned int mhz = 0;
   nvml_call(api.nvmlDeviceGetMaxClockInfo, device, nvml::kClockGraphics, &mhz);
   nvml_call(api.nvmlDeviceGetMaxClockInfo, device, nvml::kClockSm, &mhz);
@@ -156,18 +150,8 @@ void read_clocks(zev::GPU* gpu, nvml::Device device) {
 }
 
 // Utilization, power, energy and the power limits.
-void read_load_and_power(zev::GPU* gpu, nvml::Device device) {
-  const NvmlEntryPoints& api = g_nvml;
-
-  nvml::Utilization utilization;
-  std::memset(&utilization, 0, sizeof utilization);
-  if (nvml_call(api.nvmlDeviceGetUtilizationRates, device, &utilization) == nvml::kSuccess) {
-    gpu->nvml_gpu_utilization = static_cast<int32_t>(utilization.gpu);
-    gpu->nvml_memory_utilization = static_cast<int32_t>(utilization.memory);
-    store_usage_value(gpu->core_usage, static_cast<float>(utilization.gpu));
-    store_usage_value(gpu->memory_usage, static_cast<float>(utilization.memory));
-    gpu->sensor_available[kUsageFlag] = 1;
-  }
+void read_load_and_power(const NvmlEntryPoints& api, zev::GPU* gpu, nvml::Device device) {
+  if (nvml_read_utilization(api, device, gpu)) gpu->sensor_available[kUsageFlag] = 1;
 
   unsigned int milliwatts = 0;
   if (nvml_call(api.nvmlDeviceGetPowerUsage, device, &milliwatts) == nvml::kSuccess) {
@@ -203,8 +187,8 @@ void read_load_and_power(zev::GPU* gpu, nvml::Device device) {
 // design read the driver version and dropped it, resolved the memory query
 // without calling it and left the rest unasked; each value here fills a
 // field that path left empty, and a failing read leaves it empty.
-void read_board(zev::GPU* gpu, nvml::Device device, const nvml::PciInfo& pci,
-                const char* driver_version) {
+void read_board(const NvmlEntryPoints& api, zev::GPU* gpu, nvml::Device device,
+                const nvml::PciInfo& pci, const char* driver_version) {
   gpu->subvendor_id = pci.pciSubSystemId & 0xFFFFu;
   gpu->subdevice_id = pci.pciSubSystemId >> 16;
   char bus_id[sizeof pci.busId + 1];
@@ -215,21 +199,29 @@ void read_board(zev::GPU* gpu, nvml::Device device, const nvml::PciInfo& pci,
 
   char vbios[128];
   std::memset(vbios, 0, sizeof vbios);
-  if (nvml_call(g_nvml.nvmlDeviceGetVbiosVersion, device, vbios, 127u) == nvml::kSuccess) {
+  if (nvml_call(api.nvmlDeviceGetVbiosVersion, device, vbios, 127u) == nvml::kSuccess) {
     copy_text(gpu->vbios_version, sizeof gpu->vbios_version, vbios);
   }
 
   nvml::Memory memory;
   std::memset(&memory, 0, sizeof memory);
-  if (nvml_call(g_nvml.nvmlDeviceGetMemoryInfo, device, &memory) == nvml::kSuccess) {
+  if (nvml_call(api.nvmlDeviceGetMemoryInfo, device, &memory) == nvml::kSuccess) {
     gpu->vram_size_mb = static_cast<int64_t>(memory.total >> 20);
     gpu->vram_used_mb = static_cast<int64_t>(memory.used >> 20);
   }
 }
 
-// Creates and fills the record of NVML device `index`.
-void add_device(GpuMonitorVorn* monitor, unsigned int index, const char* driver_version) {
-  const NvmlEntryPoints& api = g_nvml;
+}  // namespace
+
+namespace nvidia_backend {
+
+NvmlState::NvmlState() : library(nullptr), api() {
+  for (uint32_t& capacity : process_capacity) capacity = 0;
+}
+
+void nvml_read_device(NvmlState* state, zev::Plugin* tracer, unsigned int index,
+                      const char* driver_version, zev::GPU* gpu, unsigned long slot) {
+  const NvmlEntryPoints& api = state->api;
 
   nvml::Device device = nullptr;
   nvml_call(api.nvmlDeviceGetHandleByIndex, index, &device);
@@ -239,10 +231,7 @@ void add_device(GpuMonitorVorn* monitor, unsigned int index, const char* driver_
   const unsigned long vendor = pci.pciDeviceId & 0xFFFFu;
   const unsigned long device_id = pci.pciDeviceId >> 16;
 
-  zev::GPU* gpu = monitor->create_gpu();
-  ++monitor->num_nvml_detected;
   gpu->nvidia_gpu_index = static_cast<int32_t>(index);
-  monitor->add_nvml_gpu(gpu);
   // From here on the sensor dispatch leaves this record to the NVML refresh.
   gpu->nvml_device = device;
 
@@ -253,38 +242,33 @@ void add_device(GpuMonitorVorn* monitor, unsigned int index, const char* driver_
   gpu->vendor_id = vendor;
   gpu->device_id = device_id;
   gpu->bus_id = static_cast<int32_t>(pci.bus);
-  read_board(gpu, device, pci, driver_version);
+  read_board(api, gpu, device, pci, driver_version);
 
-  read_description(gpu, device);
-  read_temperatures(gpu, device);
-  read_fans(gpu, device);
-  read_clocks(gpu, device);
-  read_load_and_power(gpu, device);
+  read_description(api, gpu, device);
+  read_temperatures(api, gpu, device);
+  read_fans(api, gpu, device);
+  read_clocks(api, gpu, device);
+  read_load_and_power(api, gpu, device);
   // The processes using the GPU, as every refresh reads them.
-  const unsigned long listed = monitor->nvml_get_num_gpus();
-  if (listed != 0 && monitor->nvml_get_gpu(listed - 1) == gpu) {
-    monitor->nvml_update_process_utilization(listed - 1);
-  }
+  if (slot != kNotListed) nvml_read_processes(state, gpu, slot);
 
   if (gpu->sensor_available[kTemperatureFlag] || gpu->sensor_available[kUsageFlag]) {
     gpu->monitorable = true;
-    ++monitor->num_monitorable_gpus;
   }
 
   nvidia_name_from_database(gpu, ShaderCountSource::kDriverFirst);
-  nvidia_check_rop_count(monitor, gpu, index);
-  nvidia_release_if_unlisted(monitor, gpu);
+  check_rop_count(tracer, gpu, index);
 }
 
-}  // namespace
+bool nvml_start(NvmlState* state, NvmlDevices* found) {
+  found->count = 0;
+  std::memset(found->driver_version, 0, sizeof found->driver_version);
+  state->library = dlopen("libnvidia-ml.so", RTLD_LAZY);
+  if (state->library == nullptr) state->library = dlopen("libnvidia-ml.so.1", RTLD_LAZY);
+  if (state->library != nullptr) nvml_resolve_entry_points(state->library, &state->api);
+  if (state->library == nullptr) return false;
 
-bool GpuMonitorVorn::nvml_initialize() {
-  nvml_lib_handle = dlopen("libnvidia-ml.so", RTLD_LAZY);
-  if (nvml_lib_handle == nullptr) nvml_lib_handle = dlopen("libnvidia-ml.so.1", RTLD_LAZY);
-  if (nvml_lib_handle != nullptr) nvml_resolve_entry_points(nvml_lib_handle);
-  if (nvml_lib_handle == nullptr) return false;
-
-  const NvmlEntryPoints& api = g_nvml;
+  const NvmlEntryPoints& api = state->api;
   // Only start-up and shut-down are required; the library stays loaded when
   // they are missing.
   if ((api.nvmlInit == nullptr && api.nvmlInit_v2 == nullptr) || api.nvmlShutdown == nullptr) {
@@ -298,9 +282,7 @@ bool GpuMonitorVorn::nvml_initialize() {
   char text[128];
   std::memset(text, 0, sizeof text);
   nvml_call(api.nvmlSystemGetNVMLVersion, text, 127u);
-  char driver_version[128];
-  std::memset(driver_version, 0, sizeof driver_version);
-  nvml_call(api.nvmlSystemGetDriverVersion, driver_version, 127u);
+  nvml_call(api.nvmlSystemGetDriverVersion, found->driver_version, 127u);
 
   unsigned int count = 0;
   if (api.nvmlDeviceGetCount_v2 != nullptr) {
@@ -309,18 +291,18 @@ bool GpuMonitorVorn::nvml_initialize() {
     api.nvmlDeviceGetCount(&count);
   }
   if (count == 0) {
-    nvml_terminate();
+    nvml_stop(state);
     return false;
   }
-
-  for (unsigned int i = 0; i < count; ++i) add_device(this, i, driver_version);
+  found->count = count;
   return true;
 }
 
-bool GpuMonitorVorn::nvml_terminate() {
-  if (nvml_lib_handle == nullptr) return true;
-  nvml_call(g_nvml.nvmlShutdown);
-  dlclose(nvml_lib_handle);
-  nvml_lib_handle = nullptr;
-  return true;
+void nvml_stop(NvmlState* state) {
+  if (state->library == nullptr) return;
+  nvml_call(state->api.nvmlShutdown);
+  dlclose(state->library);
+  state->library = nullptr;
 }
+
+}  // namespace nvidia_backend

@@ -1,15 +1,16 @@
-// Refresh of the NVML GPUs: the periodic refresh that update_dynamic_data()
-// runs first, and two on-demand refreshes of one GPU (power, PCIe
-// throughput; per-process utilisation, which the periodic refresh reads too,
-// is in nvml_processes.cpp). All of them need the library that
-// nvml_initialize() loaded; without it they do nothing and report false.
+// Refresh of the NVML GPUs: the periodic refresh of one GPU that
+// update_dynamic_data() runs first for each, and two on-demand refreshes of
+// one GPU (power, PCIe throughput; per-process utilisation, which the
+// periodic refresh reads too, is in nvml_processes.cpp). The on-demand ones
+// need the library that nvml_start() loaded; without it they do nothing and
+// report false.
 //
 // A failed read leaves its float as it was and puts -1 into the matching raw
 // field, so that a reader can tell a stale value from a fresh failure.
 #include <cstring>
 
-#include "backends/nvidia/nvml_binding.h"
-#include "plugin/gpu_monitor_vorn.h"
+#include "backends/nvidia/nvidia_backend.h"
+#include "io/copy_text.h"
 #include "record/record_writes.h"
 
 namespace {
@@ -41,19 +42,18 @@ const char* throttle_reason_text(unsigned long long mask) {
 }
 
 // Total energy (mJ) or -1.0 when it cannot be read.
-float read_energy(nvml::Device device) {
+float read_energy(const NvmlEntryPoints& api, nvml::Device device) {
   unsigned long long millijoules = 0;
-  if (nvml_call(g_nvml.nvmlDeviceGetTotalEnergyConsumption, device, &millijoules) !=
-      nvml::kSuccess) {
+  if (nvml_call(api.nvmlDeviceGetTotalEnergyConsumption, device, &millijoules) != nvml::kSuccess) {
     return -1.0f;
   }
   return static_cast<float>(millijoules);
 }
 
 // Enforced power limit (mW) or -1.0 when it cannot be read.
-float read_enforced_limit(nvml::Device device) {
+float read_enforced_limit(const NvmlEntryPoints& api, nvml::Device device) {
   unsigned int milliwatts = 0;
-  if (nvml_call(g_nvml.nvmlDeviceGetEnforcedPowerLimit, device, &milliwatts) != nvml::kSuccess) {
+  if (nvml_call(api.nvmlDeviceGetEnforcedPowerLimit, device, &milliwatts) != nvml::kSuccess) {
     return -1.0f;
   }
   return static_cast<float>(milliwatts);
@@ -65,9 +65,8 @@ float read_enforced_limit(nvml::Device device) {
 // library has an RPM entry point. A fan whose read fails keeps its values.
 // A board claiming more fans than any has gets its first kMaxRefreshedFans
 // refreshed.
-void refresh_other_fans(zev::GPU* gpu, nvml::Device device) {
+void refresh_other_fans(const NvmlEntryPoints& api, zev::GPU* gpu, nvml::Device device) {
   if (gpu->fans == nullptr) return;
-  const NvmlEntryPoints& api = g_nvml;
   const uint64_t count = gpu->num_fans < kMaxRefreshedFans ? gpu->num_fans : kMaxRefreshedFans;
   if (api.nvmlDeviceGetFanSpeed_v2 != nullptr) {
     for (unsigned int f = 1; f < count; ++f) {
@@ -78,11 +77,15 @@ void refresh_other_fans(zev::GPU* gpu, nvml::Device device) {
     }
   }
   if (api.nvmlDeviceGetFanSpeedRPM == nullptr && api.nvmlDeviceGetFanSpeedRPM_v2 == nullptr) return;
-  for (unsigned int f = 0; f < count; ++f) nvml_read_fan_rpm(device, f, &gpu->fans[f].rpm);
+  for (unsigned int f = 0; f < count; ++f) nvml_read_fan_rpm(api, device, f, &gpu->fans[f].rpm);
 }
 
-void refresh(zev::GPU* gpu) {
-  const NvmlEntryPoints& api = g_nvml;
+}  // namespace
+
+namespace nvidia_backend {
+
+void nvml_refresh(const NvmlState& state, zev::GPU* gpu) {
+  const NvmlEntryPoints& api = state.api;
   nvml::Device device = static_cast<nvml::Device>(gpu->nvml_device);
 
   unsigned int celsius = 0;
@@ -103,7 +106,7 @@ void refresh(zev::GPU* gpu) {
   } else {
     gpu->nvml_raw[kRawFanPercent] = -1;
   }
-  refresh_other_fans(gpu, device);
+  refresh_other_fans(api, gpu, device);
 
   // One clock variable for the two maximum and the two current clocks.
   unsigned int mhz = 0xFFFFFFFFu;
@@ -137,17 +140,10 @@ void refresh(zev::GPU* gpu) {
     gpu->nvml_raw[kRawPowerMilliwatts] = -1;
   }
 
-  gpu->total_energy = read_energy(device);
-  gpu->power.enforced_limit = read_enforced_limit(device);
+  gpu->total_energy = read_energy(api, device);
+  gpu->power.enforced_limit = read_enforced_limit(api, device);
 
-  nvml::Utilization utilization;
-  std::memset(&utilization, 0, sizeof utilization);
-  if (nvml_call(api.nvmlDeviceGetUtilizationRates, device, &utilization) == nvml::kSuccess) {
-    gpu->nvml_gpu_utilization = static_cast<int32_t>(utilization.gpu);
-    gpu->nvml_memory_utilization = static_cast<int32_t>(utilization.memory);
-    store_usage_value(gpu->core_usage, static_cast<float>(utilization.gpu));
-    store_usage_value(gpu->memory_usage, static_cast<float>(utilization.memory));
-  } else {
+  if (!nvml_read_utilization(api, device, gpu)) {
     gpu->nvml_gpu_utilization = -1;
     gpu->nvml_memory_utilization = -1;
   }
@@ -170,26 +166,9 @@ void refresh(zev::GPU* gpu) {
             throttle_reason_text(reasons));
 }
 
-}  // namespace
-
-bool GpuMonitorVorn::nvml_update_dynamic_data() {
-  if (nvml_lib_handle == nullptr) return false;
-  const unsigned long count = nvml_get_num_gpus();
-  if (count == 0) return false;
-  for (unsigned long i = 0; i < count; ++i) {
-    zev::GPU* gpu = nvml_get_gpu(i);
-    if (gpu == nullptr) continue;
-    refresh(gpu);
-    nvml_update_process_utilization(i);
-  }
-  return true;
-}
-
-bool GpuMonitorVorn::nvml_update_power_usage(unsigned long index) {
-  if (nvml_lib_handle == nullptr) return false;
-  zev::GPU* gpu = nvml_get_gpu(index);
-  if (gpu == nullptr) return false;
-  const NvmlEntryPoints& api = g_nvml;
+bool nvml_refresh_power(const NvmlState& state, zev::GPU* gpu) {
+  if (state.library == nullptr || gpu == nullptr) return false;
+  const NvmlEntryPoints& api = state.api;
   nvml::Device device = static_cast<nvml::Device>(gpu->nvml_device);
 
   // Unlike the periodic refresh, every entry point is tested first, and the
@@ -203,17 +182,17 @@ bool GpuMonitorVorn::nvml_update_power_usage(unsigned long index) {
       gpu->nvml_raw[kRawPowerMilliwatts] = -1;
     }
   }
-  if (api.nvmlDeviceGetTotalEnergyConsumption != nullptr) gpu->total_energy = read_energy(device);
+  if (api.nvmlDeviceGetTotalEnergyConsumption != nullptr) {
+    gpu->total_energy = read_energy(api, device);
+  }
   if (api.nvmlDeviceGetEnforcedPowerLimit == nullptr) return true;
-  gpu->power.enforced_limit = read_enforced_limit(device);
+  gpu->power.enforced_limit = read_enforced_limit(api, device);
   return true;
 }
 
-bool GpuMonitorVorn::nvml_get_pcie_throughput(unsigned long index) {
-  if (nvml_lib_handle == nullptr) return false;
-  zev::GPU* gpu = nvml_get_gpu(index);
-  const nvml::DeviceGetPcieThroughputFn get_throughput = g_nvml.nvmlDeviceGetPcieThroughput;
-  if (gpu == nullptr || get_throughput == nullptr) return false;
+bool nvml_read_pcie_throughput(const NvmlState& state, zev::GPU* gpu) {
+  const nvml::DeviceGetPcieThroughputFn get_throughput = state.api.nvmlDeviceGetPcieThroughput;
+  if (state.library == nullptr || gpu == nullptr || get_throughput == nullptr) return false;
   nvml::Device device = static_cast<nvml::Device>(gpu->nvml_device);
 
   // A counter that cannot be read (not supported, as in many virtual
@@ -230,3 +209,5 @@ bool GpuMonitorVorn::nvml_get_pcie_throughput(unsigned long index) {
           : kPcieUnknown;
   return true;
 }
+
+}  // namespace nvidia_backend

@@ -16,7 +16,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "plugin/gpu_monitor_vorn.h"
+#include "backends/nvidia/nvidia_backend.h"
 
 namespace {
 
@@ -81,9 +81,23 @@ static_assert(offsetof(Control, params) == 16 && offsetof(Control, status) == 28
 
 uint64_t user_address(const void* p) { return reinterpret_cast<uintptr_t>(p); }
 
+// Allocates object `handle` of `object_class` under `parent` in the client,
+// with `params` as its allocation parameters (their size field is sent as 0).
+bool allocate(int control_fd, uint32_t client, uint32_t parent, uint32_t handle,
+              uint32_t object_class, void* params) {
+  AllocLong request;
+  std::memset(&request, 0, sizeof request);
+  request.root = client;
+  request.parent = parent;
+  request.new_handle = handle;
+  request.object_class = object_class;
+  request.params = user_address(params);
+  return ioctl(control_fd, kRequestAllocLong, &request) == 0 && request.status == 0;
+}
+
 }  // namespace
 
-int GpuMonitorVorn::linux_nv_read_rop_counter(unsigned long gpu_index, int* rops) {
+int nvidia_backend::read_rop_counter(unsigned long gpu_index, int* rops) {
   const int control_fd = openat(AT_FDCWD, "/dev/nvidiactl", O_RDWR);
   if (control_fd == -1) return -1;
 
@@ -105,26 +119,17 @@ int GpuMonitorVorn::linux_nv_read_rop_counter(unsigned long gpu_index, int* rops
   // Device instance 0, whatever device file was opened above.
   uint8_t device_params[56];
   std::memset(device_params, 0, sizeof device_params);
-  AllocLong device;
-  std::memset(&device, 0, sizeof device);
-  device.root = client_handle;
-  device.parent = client_handle;
-  device.new_handle = kDeviceHandle;
-  device.object_class = kClassDevice;
-  device.params = user_address(device_params);
-  if (ioctl(control_fd, kRequestAllocLong, &device) != 0 || device.status != 0) return -4;
-
+  if (!allocate(control_fd, client_handle, client_handle, kDeviceHandle, kClassDevice,
+                device_params)) {
+    return -4;
+  }
   // Sub-device 0.
   uint8_t subdevice_params[4];
   std::memset(subdevice_params, 0, sizeof subdevice_params);
-  AllocLong subdevice;
-  std::memset(&subdevice, 0, sizeof subdevice);
-  subdevice.root = client_handle;
-  subdevice.parent = kDeviceHandle;
-  subdevice.new_handle = kSubdeviceHandle;
-  subdevice.object_class = kClassSubdevice;
-  subdevice.params = user_address(subdevice_params);
-  if (ioctl(control_fd, kRequestAllocLong, &subdevice) != 0 || subdevice.status != 0) return -5;
+  if (!allocate(control_fd, client_handle, kDeviceHandle, kSubdeviceHandle, kClassSubdevice,
+                subdevice_params)) {
+    return -5;
+  }
 
   // Three words come back: ROP units, operations factor, and the ROP
   // operations per clock over all active units, which is the ROP count.

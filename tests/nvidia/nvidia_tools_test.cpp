@@ -14,7 +14,6 @@
 #include <string>
 #include <vector>
 
-#include "backends/nvidia/nvidia_discovery_common.h"
 #include "nvidia_machines.h"
 #include "plugin/gpu_monitor_vorn.h"
 #include "test_support.h"
@@ -287,7 +286,7 @@ TEST(RopCounter, TheDriversCountReplacesTheDatabasesAndMissingRopsAreReportedUnd
     gpu.db_num_rops = gpu.num_rops = c.db_rops;
     gpu.rop_check_code = c.code;
     TraceCapture traces;
-    nvidia_check_rop_count(&monitor, &gpu, 0);
+    nvidia_backend::check_rop_count(&monitor, &gpu, 0);
     EXPECT_EQ(traces.texts(), c.traces) << c.db_rops << " " << c.code;
     EXPECT_EQ(gpu.num_rops, c.rops);
     EXPECT_EQ(gpu.db_num_rops, c.db_rops);
