@@ -46,3 +46,32 @@ function(zev_layer name)
       LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/layers)
   endif()
 endfunction()
+
+# zev_check_layers(): the direction of every #include between the layers
+# (tools/check-layers.py), checked whenever a source changes. An include
+# against it (a back-end including the core, the core including a back-end's
+# internals) fails the build with the file and line; the plug-in and gpumon
+# are not built before the check passes.
+function(zev_check_layers)
+  if(NOT Python3_Interpreter_FOUND)
+    if(ZEV_PLUGIN_ONLY)
+      return()
+    endif()
+    message(FATAL_ERROR "python3 is needed to check the layers (tools/install-deps.sh)")
+  endif()
+  set(folders io record gpudb sysinfo backends plugin overlay apps bench)
+  set(patterns "")
+  foreach(folder ${folders})
+    list(APPEND patterns ${PROJECT_SOURCE_DIR}/${folder}/*.h ${PROJECT_SOURCE_DIR}/${folder}/*.cpp)
+  endforeach()
+  file(GLOB_RECURSE sources CONFIGURE_DEPENDS ${patterns})
+  set(stamp ${CMAKE_BINARY_DIR}/layers/includes.checked)
+  add_custom_command(OUTPUT ${stamp}
+    COMMAND ${CMAKE_COMMAND} -E make_directory ${CMAKE_BINARY_DIR}/layers
+    COMMAND ${Python3_EXECUTABLE} ${PROJECT_SOURCE_DIR}/tools/check-layers.py
+            ${PROJECT_SOURCE_DIR} ${stamp}
+    DEPENDS ${PROJECT_SOURCE_DIR}/tools/check-layers.py ${sources}
+    COMMENT "Checking the direction of includes between the layers"
+    VERBATIM)
+  add_custom_target(check_layers ALL DEPENDS ${stamp})
+endfunction()
