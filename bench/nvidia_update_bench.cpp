@@ -149,8 +149,8 @@ void update_nvml(benchmark::State& state) {
     state.SkipWithError("NVML discovery found no GPU");
     return;
   }
-  auto calls = reinterpret_cast<unsigned long (*)()>(
-      dlsym(monitor.nvml_state.library, "zev_fake_nvml_calls"));
+  auto calls =
+      reinterpret_cast<unsigned long (*)()>(dlsym(monitor.nvml_lib_handle, "zev_fake_nvml_calls"));
   if (calls == nullptr) {
     // A real libnvidia-ml.so on this system was found first.
     state.SkipWithError("the monitor did not load the fake NVML");

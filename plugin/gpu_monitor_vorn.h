@@ -353,8 +353,9 @@ class GpuMonitorVorn : public zev::GpuMonitor {
   char (*gl_extensions)[64];
   int32_t gl_caps[59];
 
-  // The NVML library, its entry points and the per-process utilisation
-  // buffers (backends/nvidia/nvidia_backend.h).
+  // The NVML library (null when it is not loaded), its entry points and the
+  // per-process utilisation buffers (backends/nvidia/nvidia_backend.h).
+  void* nvml_lib_handle;
   nvidia_backend::NvmlState nvml_state;
 };
 

@@ -53,7 +53,8 @@ GpuMonitorVorn::GpuMonitorVorn()
       gl_version_major(0),
       gl_version_minor(0),
       num_gl_extensions(0),
-      gl_extensions(nullptr) {
+      gl_extensions(nullptr),
+      nvml_lib_handle(nullptr) {
   for (unsigned long i = 0; i < kMaxGpus; ++i) {
     gpus[i] = nullptr;
     nvml_gpus[i] = nullptr;

@@ -9,7 +9,7 @@ namespace nb = nvidia_backend;
 
 bool GpuMonitorVorn::nvml_initialize() {
   nb::NvmlDevices found;
-  if (!nb::nvml_start(&nvml_state, &found)) return false;
+  if (!nb::nvml_start(&nvml_lib_handle, &nvml_state, &found)) return false;
   for (unsigned int i = 0; i < found.count; ++i) {
     zev::GPU* gpu = create_gpu();
     ++num_nvml_detected;
@@ -40,14 +40,14 @@ bool GpuMonitorVorn::linux_nv_smi_init_gpus() {
 }
 
 bool GpuMonitorVorn::nvml_terminate() {
-  nb::nvml_stop(&nvml_state);
+  nb::nvml_stop(&nvml_lib_handle, nvml_state);
   return true;
 }
 
 // --- NVML refresh
 
 bool GpuMonitorVorn::nvml_update_dynamic_data() {
-  if (nvml_state.library == nullptr) return false;
+  if (nvml_lib_handle == nullptr) return false;
   const unsigned long count = nvml_get_num_gpus();
   if (count == 0) return false;
   for (unsigned long i = 0; i < count; ++i) {
@@ -60,14 +60,17 @@ bool GpuMonitorVorn::nvml_update_dynamic_data() {
 }
 
 bool GpuMonitorVorn::nvml_update_power_usage(unsigned long index) {
+  if (nvml_lib_handle == nullptr) return false;
   return nb::nvml_refresh_power(nvml_state, nvml_get_gpu(index));
 }
 
 bool GpuMonitorVorn::nvml_update_process_utilization(unsigned long index) {
+  if (nvml_lib_handle == nullptr) return false;
   return nb::nvml_read_processes(&nvml_state, nvml_get_gpu(index), index);
 }
 
 bool GpuMonitorVorn::nvml_get_pcie_throughput(unsigned long index) {
+  if (nvml_lib_handle == nullptr) return false;
   return nb::nvml_read_pcie_throughput(nvml_state, nvml_get_gpu(index));
 }
 

@@ -6,6 +6,7 @@
 #pragma once
 
 #include "io/sysfs_path.h"
+#include "io/text_file.h"
 
 namespace drm_sysfs {
 
@@ -18,11 +19,8 @@ constexpr int kLineSize = 256;
 // The hwmon "name" file and the vendor probe read at most 127 characters.
 constexpr int kShortLineSize = 128;
 
-// Opens `path` for reading and reads its first line (at most size - 1
-// characters, with its newline) into `line`, which is cleared first. False
-// when the file does not open or when nothing could be read. The file is
-// always closed.
-bool read_first_line(const char* path, char* line, int size);
+// The first line of `path` into a cleared buffer (io/text_file.h).
+using text_file::read_first_line;
 
 // Reads `path` and parses its first line with drm_parse::parse_unsigned.
 bool read_unsigned(const char* path, unsigned long long* value);

@@ -17,8 +17,8 @@ using namespace gpu_record;
 
 // A text answer into `field`, traced with `format`.
 template <size_t N>
-void read_text(zev::Plugin* tracer, unsigned long i, NvSmiText which, char (&field)[N],
-               const char* format) {
+void read_and_trace(zev::Plugin* tracer, unsigned long i, NvSmiText which, char (&field)[N],
+                    const char* format) {
   char text[128];
   std::memset(text, 0, sizeof text);
   if (!nv_smi_read_text(i, which, text)) return;
@@ -27,7 +27,7 @@ void read_text(zev::Plugin* tracer, unsigned long i, NvSmiText which, char (&fie
 }
 
 void describe_gpu(zev::Plugin* tracer, zev::GPU* gpu, unsigned long i) {
-  read_text(tracer, i, NvSmiText::kName, gpu->name, "  - name: %s");
+  read_and_trace(tracer, i, NvSmiText::kName, gpu->name, "  - name: %s");
 
   unsigned long first = 0;
   unsigned long second = 0;
@@ -51,8 +51,8 @@ void describe_gpu(zev::Plugin* tracer, zev::GPU* gpu, unsigned long i) {
     tracer->tracef("  - bus ID: %d", gpu->bus_id);
   }
 
-  read_text(tracer, i, NvSmiText::kDriverVersion, gpu->driver_version, "  - driver: %s");
-  read_text(tracer, i, NvSmiText::kVbiosVersion, gpu->vbios_version, "  - vbios: %s");
+  read_and_trace(tracer, i, NvSmiText::kDriverVersion, gpu->driver_version, "  - driver: %s");
+  read_and_trace(tracer, i, NvSmiText::kVbiosVersion, gpu->vbios_version, "  - vbios: %s");
 
   int value = 0;
   if (nv_smi_read_number(i, NvSmiNumber::kVramSize, &value)) {

@@ -28,12 +28,13 @@ constexpr unsigned long kMaxNvmlGpus = 16;
 // Per-process utilisation samples read from NVML at a time, per GPU.
 constexpr unsigned int kMaxProcessSamples = 256;
 
-// What the NVML back-end keeps between calls: the library, its entry points,
+// What the NVML back-end keeps between calls: the library's entry points,
 // and for the per-process utilisation the samples of one read and the
 // records each NVML GPU's table has room for (by the GPU's slot in the NVML
 // list), so that a refresh reuses them instead of allocating.
+// The library's handle itself is the monitor's (`nvml_lib_handle`): start
+// and stop set it, and the core refreshes nothing while it is null.
 struct NvmlState {
-  void* library;
   NvmlEntryPoints api;
   nvml::ProcessUtilizationSample process_samples[kMaxProcessSamples];
   uint32_t process_capacity[kMaxNvmlGpus];
@@ -53,10 +54,10 @@ struct NvmlDevices {
 // devices. False when there is nothing to read: no library (nothing kept),
 // no start-up or shut-down entry point or a refused start-up (the library
 // stays loaded), no device (shut down and unloaded).
-bool nvml_start(NvmlState* state, NvmlDevices* found);
+bool nvml_start(void** library, NvmlState* state, NvmlDevices* found);
 
 // Shuts the library down and unloads it; nothing to do without one.
-void nvml_stop(NvmlState* state);
+void nvml_stop(void** library, const NvmlState& state);
 
 // Fills `gpu`, the record the core made for NVML device `index`. `slot`: the
 // record's place in the core's NVML list, whose per-process utilisation is
@@ -67,7 +68,7 @@ void nvml_read_device(NvmlState* state, zev::Plugin* tracer, unsigned int index,
 
 // The periodic refresh of one NVML GPU's sensors.
 void nvml_refresh(const NvmlState& state, zev::GPU* gpu);
-// On-demand refreshes; false without the library or the GPU (or, for PCIe,
+// On-demand refreshes of a loaded library's GPU; false without the GPU (or
 // the entry point).
 bool nvml_refresh_power(const NvmlState& state, zev::GPU* gpu);
 bool nvml_read_pcie_throughput(const NvmlState& state, zev::GPU* gpu);

@@ -215,7 +215,7 @@ void read_board(const NvmlEntryPoints& api, zev::GPU* gpu, nvml::Device device,
 
 namespace nvidia_backend {
 
-NvmlState::NvmlState() : library(nullptr), api() {
+NvmlState::NvmlState() : api() {
   for (uint32_t& capacity : process_capacity) capacity = 0;
 }
 
@@ -260,13 +260,13 @@ void nvml_read_device(NvmlState* state, zev::Plugin* tracer, unsigned int index,
   check_rop_count(tracer, gpu, index);
 }
 
-bool nvml_start(NvmlState* state, NvmlDevices* found) {
+bool nvml_start(void** library, NvmlState* state, NvmlDevices* found) {
   found->count = 0;
   std::memset(found->driver_version, 0, sizeof found->driver_version);
-  state->library = dlopen("libnvidia-ml.so", RTLD_LAZY);
-  if (state->library == nullptr) state->library = dlopen("libnvidia-ml.so.1", RTLD_LAZY);
-  if (state->library != nullptr) nvml_resolve_entry_points(state->library, &state->api);
-  if (state->library == nullptr) return false;
+  *library = dlopen("libnvidia-ml.so", RTLD_LAZY);
+  if (*library == nullptr) *library = dlopen("libnvidia-ml.so.1", RTLD_LAZY);
+  if (*library != nullptr) nvml_resolve_entry_points(*library, &state->api);
+  if (*library == nullptr) return false;
 
   const NvmlEntryPoints& api = state->api;
   // Only start-up and shut-down are required; the library stays loaded when
@@ -291,18 +291,18 @@ bool nvml_start(NvmlState* state, NvmlDevices* found) {
     api.nvmlDeviceGetCount(&count);
   }
   if (count == 0) {
-    nvml_stop(state);
+    nvml_stop(library, *state);
     return false;
   }
   found->count = count;
   return true;
 }
 
-void nvml_stop(NvmlState* state) {
-  if (state->library == nullptr) return;
-  nvml_call(state->api.nvmlShutdown);
-  dlclose(state->library);
-  state->library = nullptr;
+void nvml_stop(void** library, const NvmlState& state) {
+  if (*library == nullptr) return;
+  nvml_call(state.api.nvmlShutdown);
+  dlclose(*library);
+  *library = nullptr;
 }
 
 }  // namespace nvidia_backend

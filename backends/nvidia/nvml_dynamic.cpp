@@ -167,7 +167,7 @@ void nvml_refresh(const NvmlState& state, zev::GPU* gpu) {
 }
 
 bool nvml_refresh_power(const NvmlState& state, zev::GPU* gpu) {
-  if (state.library == nullptr || gpu == nullptr) return false;
+  if (gpu == nullptr) return false;
   const NvmlEntryPoints& api = state.api;
   nvml::Device device = static_cast<nvml::Device>(gpu->nvml_device);
 
@@ -192,7 +192,7 @@ bool nvml_refresh_power(const NvmlState& state, zev::GPU* gpu) {
 
 bool nvml_read_pcie_throughput(const NvmlState& state, zev::GPU* gpu) {
   const nvml::DeviceGetPcieThroughputFn get_throughput = state.api.nvmlDeviceGetPcieThroughput;
-  if (state.library == nullptr || gpu == nullptr || get_throughput == nullptr) return false;
+  if (gpu == nullptr || get_throughput == nullptr) return false;
   nvml::Device device = static_cast<nvml::Device>(gpu->nvml_device);
 
   // A counter that cannot be read (not supported, as in many virtual

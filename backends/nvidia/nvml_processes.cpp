@@ -64,7 +64,7 @@ namespace nvidia_backend {
 bool nvml_read_processes(NvmlState* state, zev::GPU* gpu, unsigned long slot) {
   const nvml::DeviceGetProcessUtilizationFn get_samples =
       state->api.nvmlDeviceGetProcessUtilization;
-  if (state->library == nullptr || gpu == nullptr || get_samples == nullptr) return false;
+  if (gpu == nullptr || get_samples == nullptr) return false;
   if (slot >= kMaxNvmlGpus) return false;  // no room of its own in the state
   nvml::Device device = static_cast<nvml::Device>(gpu->nvml_device);
 

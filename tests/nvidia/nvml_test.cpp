@@ -135,7 +135,7 @@ std::string answer(Nvml& n, std::string key) {
   if (key == "refresh") return std::to_string(m.nvml_update_dynamic_data());
   if (key.rfind("calls:", 0) == 0) {  // calls the fake library counted of one entry point
     auto calls_of = reinterpret_cast<unsigned long (*)(const char*)>(
-        dlsym(m.nvml_state.library, "zev_fake_nvml_calls_of"));
+        dlsym(m.nvml_lib_handle, "zev_fake_nvml_calls_of"));
     return calls_of != nullptr ? std::to_string(calls_of(key.c_str() + 6)) : "no counter";
   }
   const size_t digit = key.find_first_of("0123456789");
@@ -147,7 +147,7 @@ std::string answer(Nvml& n, std::string key) {
     return std::to_string(m.nvml_get_pcie_throughput(i));
   }
   if (key == "found") return std::to_string(n.found);
-  if (key == "loaded") return std::to_string(m.nvml_state.library != nullptr);
+  if (key == "loaded") return std::to_string(m.nvml_lib_handle != nullptr);
   if (key == "gpus")
     return std::to_string(m.get_num_gpus()) + "," + std::to_string(m.nvml_get_num_gpus());
   if (key == "detected") return std::to_string(m.num_nvml_detected);
