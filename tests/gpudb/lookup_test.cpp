@@ -5,6 +5,7 @@
 #include <cstring>
 #include <random>
 
+#include "gpudb/gpu_db.h"
 #include "gpudb/gpu_db_tables.h"
 #include "gpudb/vendor_tables.h"
 #include "plugin/gpu_monitor_vorn.h"
@@ -73,6 +74,24 @@ TEST_F(GpuDb, AccessorsOfKnownMissingAndFallbackRows) {
   // Vendors without a table of their own read the SiS table.
   EXPECT_EQ(name_of(0x1039, 1), "SiS Xabre 80");
   EXPECT_EQ(text(db_.gpu_db_get_gpu_codename(0x1234, 1)), "X328");
+}
+
+// Naming a record from a row keeps what the record already says where the
+// row's text is empty (rows of chips whose codename the sources lack, as
+// NVIDIA's older mobile parts).
+TEST_F(GpuDb, EmptyRowTextsKeepTheRecordsNames) {
+  int row = -1;
+  for (unsigned long i = 0; i < gpu_db_nvidia_num_rows && row < 0; ++i) {
+    const char* codename = db_.gpu_db_get_gpu_codename(0x10DE, static_cast<int>(i));
+    if (codename != nullptr && codename[0] == '\0') row = static_cast<int>(i);
+  }
+  ASSERT_GE(row, 0) << "no NVIDIA row without a codename";
+  zev::GPU gpu;
+  gpu.vendor_id = 0x10DE;
+  std::strcpy(gpu.codename, "from the driver");
+  gpudb::copy_names(&gpu, row);
+  EXPECT_STREQ(gpu.codename, "from the driver");
+  EXPECT_STREQ(gpu.name, db_.gpu_db_get_adapter_name(0x10DE, row));
 }
 
 TEST_F(GpuDb, NameFromDeviceIdForTheHost) {
