@@ -2,7 +2,6 @@
 // the readers, each a call into the DRM back-end (backends/drm/drm_backend.h).
 #include "backends/drm/drm_backend.h"
 #include "plugin/gpu_monitor_vorn.h"
-#include "record/record_slots.h"
 
 // Every card the back-end found becomes the next record of the list, in
 // the order found, with its sensors kept by the record's index.
@@ -10,11 +9,9 @@ bool GpuMonitorVorn::linux_drm_init_gpus() {
   const bool nvidia_monitored = num_nv_smi_detected != 0 || num_nvml_detected != 0;
   const std::vector<drm_backend::FoundCard> found =
       drm_backend::find_cards(nvidia_monitored, kMaxGpus - get_num_gpus(), this);
+  // The scan returns no more cards than the list has room for.
   for (const drm_backend::FoundCard& card : found) {
-    add_gpu(card.gpu);
-    card.gpu->bus_id = gpu_record::placeholder_bus(num_gpus);
-    drm_extra_sensors[card.gpu->index] = card.sensors;
-    if (card.gpu->monitorable) ++num_monitorable_gpus;
+    if (register_found_gpu(card.gpu)) drm_extra_sensors[card.gpu->index] = card.sensors;
   }
   if (found.empty()) return false;
   num_gpus_drm = found.size();

@@ -265,8 +265,8 @@ bool nvml_start(void** library, NvmlState* state, NvmlDevices* found) {
   std::memset(found->driver_version, 0, sizeof found->driver_version);
   *library = dlopen("libnvidia-ml.so", RTLD_LAZY);
   if (*library == nullptr) *library = dlopen("libnvidia-ml.so.1", RTLD_LAZY);
-  if (*library != nullptr) nvml_resolve_entry_points(*library, &state->api);
   if (*library == nullptr) return false;
+  nvml_resolve_entry_points(*library, &state->api);
 
   const NvmlEntryPoints& api = state->api;
   // Only start-up and shut-down are required; the library stays loaded when
